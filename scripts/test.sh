@@ -1,0 +1,53 @@
+#!/usr/bin/env bash
+# Builds and runs the whole test suite:
+#   1. the code follows .clang-format;
+#   2. an AddressSanitizer + UndefinedBehaviorSanitizer build runs every test;
+#   3. a ThreadSanitizer build runs the tests of threaded code (label "threads");
+#   4. the fuzz targets run for a bounded time each (clang's libFuzzer);
+#   5. a plain build (benchmarks and tools included) runs every test; its CTest
+#      summary closes the output.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/deps.sh clang clang-format libbenchmark-dev
+jobs=$(nproc)
+export QT_QPA_PLATFORM=offscreen
+
+echo "== format check"
+mapfile -t sources < <(git ls-files -- '*.cpp' '*.h' 2>/dev/null || find src tests tools bench fuzz share -name '*.cpp' -o -name '*.h')
+clang-format --dry-run --Werror "${sources[@]}"
+
+echo "== address,undefined sanitizer build"
+cmake -S . -B build/asan -G Ninja -DCMAKE_BUILD_TYPE=Debug \
+      -DDATABASE_SANITIZE=address,undefined -DDATABASE_BUILD_BENCH=OFF >/dev/null
+cmake --build build/asan -j"$jobs"
+(cd build/asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+     ctest --output-on-failure -j"$jobs" -E install_consumer)
+
+echo "== thread sanitizer build (threaded code)"
+cmake -S . -B build/tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug \
+      -DDATABASE_SANITIZE=thread -DDATABASE_BUILD_BENCH=OFF -DDATABASE_BUILD_TOOLS=OFF >/dev/null
+cmake --build build/tsan -j"$jobs"
+(cd build/tsan && ctest --output-on-failure -L threads --no-tests=ignore)
+
+if [ -f fuzz/CMakeLists.txt ]; then
+    echo "== fuzz targets (bounded runs)"
+    CC=clang CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=Debug \
+        -DDATABASE_BUILD_FUZZ=ON -DDATABASE_BUILD_TESTS=OFF -DDATABASE_BUILD_TOOLS=OFF >/dev/null
+    cmake --build build/fuzz -j"$jobs"
+    for target in build/fuzz/fuzz/fuzz_*; do
+        [ -x "$target" ] || continue
+        name=$(basename "$target")
+        corpus=fuzz/corpus/${name#fuzz_}
+        work=$(mktemp -d)
+        cp -r "$corpus"/. "$work"/ 2>/dev/null || true
+        echo "-- $name"
+        "$target" -max_total_time="${FUZZ_SECONDS:-30}" -rss_limit_mb=2048 -print_final_stats=0 \
+                  "$work" 2>&1 | tail -n 2
+        rm -rf "$work"
+    done
+fi
+
+echo "== plain build and the whole suite"
+cmake -S . -B build/debug -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDATABASE_BUILD_BENCH=ON >/dev/null
+cmake --build build/debug -j"$jobs"
+cd build/debug && ctest --output-on-failure -j"$jobs"

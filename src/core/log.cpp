@@ -1,0 +1,7 @@
+#include "core/log.h"
+
+const QLoggingCategory &QGuiLog()
+{
+    static const QLoggingCategory category("QGuiLog");
+    return category;
+}

@@ -1,0 +1,17 @@
+#ifndef DATABASE_DATABASE_H
+#define DATABASE_DATABASE_H
+
+// Umbrella header: includes every public header of the library.
+
+#include <database/database_global.h>
+
+#include <database/checksum.h>
+#include <database/columndef.h>
+#include <database/exception.h>
+#include <database/field.h>
+#include <database/fieldtype.h>
+#include <database/index.h>
+#include <database/record.h>
+#include <database/table.h>
+
+#endif // DATABASE_DATABASE_H

@@ -1,0 +1,164 @@
+#ifndef DATABASE_TABLE_H
+#define DATABASE_TABLE_H
+
+#include <database/columndef.h>
+#include <database/field.h>
+
+#include <QList>
+#include <QObject>
+#include <QScopedPointer>
+#include <QStringList>
+#include <QVector>
+
+class Index;
+class MasterIndex;
+class Record;
+class TablePrivate;
+
+// Table: a typed table of fixed-layout rows and the registry of the live
+// indexes over them.
+//
+// Row block layout (8-byte aligned):
+//   [0..3]   reference count, int32, changed only atomically
+//   [4..7]   zero padding
+//   [8..15]  Table* of the table the row was made for
+//   [16 ..]  data area: cells in column order, each at its column's offset and
+//            padded to a multiple of 8 bytes (rowLength() bytes)
+//   [..]     presence flags, bit i % 8 of byte i / 8 for column i
+//            ((columnCount() + 7) / 8 bytes)
+//
+// Invariants:
+//  1. rowLength() is the sum of the cell sizes rounded up to 8 each;
+//     rowSize() == 16 + rowLength() + (columnCount() + 7) / 8.
+//  2. Column names are unique, compared case-insensitively.
+//  3. The table owns its column definitions and its master index; it does not
+//     own its rows (they belong to the Record handles, chiefly the main index)
+//     nor the indexes of its index list.
+//  4. Additions and updates reach the main index first, removals reach it last,
+//     so the main index holds a row as long as any other index may refer to it.
+//
+// Threads: a table is changed on one thread at a time, under its recursive lock
+// (lock()/unlock(), also taken by the outermost beginUpdate()). Lists of indexes
+// are copied before they are walked, so an index may register or unregister
+// indexes from inside a notification.
+//
+// Errors of definitions (addColumn) are thrown as a bare QString before anything
+// changes.
+class DATABASE_EXPORT Table : public QObject
+{
+    Q_OBJECT
+public:
+    explicit Table(const QString &name, const QString &title = QString(),
+                   QObject *parent = nullptr);
+    ~Table() override;
+
+    QString name() const;
+    QString title() const;
+    void setTitle(const QString &title);
+
+    // The main index: holds every row of the table. Owned; setting a new one
+    // deletes the previous one.
+    MasterIndex *masterIndex() const;
+    void setMasterIndex(MasterIndex *index);
+
+    // --- columns ---
+    int columnCount() const;
+    QString columnName(int column) const;
+    FieldType::Type columnType(int column) const;
+    QString columnTypeName(int column) const;
+    // The title, or the name when the title is empty.
+    QString columnTitle(int column) const;
+    void setColumnTitle(int column, const QString &title);
+    QString columnDescription(int column) const;
+    const TableColumnDef *columnDef(int column) const;
+    const TableColumnDef *columnDef(const QString &name) const;
+    // The column's position, case-insensitive; -1 when there is none.
+    int columnIndex(const QString &name) const;
+    // The column names in column order.
+    QStringList columns() const;
+    // The column definitions in column order (owned by the table).
+    const QList<TableColumnDef *> &fieldDefs() const;
+
+    // Adds a column, re-laying every existing row (rows may move in memory).
+    // Throws QString: "Column name can't be empty.", "Column '%1' already exists
+    // for table '%2'.", and the cell-size errors of FieldType::typeLength.
+    // REQUIRES: no raw row pointer or Field of this table is in use elsewhere.
+    void addColumn(const TableColumnDef &def);
+    void addColumn(const QString &name, FieldType::Type type, int length = 0, bool nullable = true,
+                   const QString &title = QString(), bool auxFlag = true,
+                   const QString &description = QString());
+    void addColumn(const QString &name, const FieldDef &fieldDef, bool nullable = true,
+                   const QString &title = QString(), bool auxFlag = true,
+                   const QString &description = QString());
+
+    // --- layout and row primitives ---
+    int rowLength() const;
+    int rowLengthUnaligned() const;
+    int rowSize() const;
+    // Rows held by the main index (0 without one).
+    int rowCount() const;
+
+    // A fresh row: zeroed, this table in its header, the presence flags of the
+    // non-nullable columns set, reference count 0. Null when allocation fails.
+    unsigned char *allocRow() const;
+    void initRow(unsigned char *row) const;
+    // A copy of the whole block (header included) with reference count 0.
+    unsigned char *cloneRow(const unsigned char *row) const;
+    // Copies cells and presence flags, never the header.
+    void copyRowContent(unsigned char *dst, const unsigned char *src) const;
+    // Copies the cells of columns first..last (-1: first/last column) and the
+    // whole presence-flag area. REQUIRES: first is not after last.
+    void copyRowContent(unsigned char *dst, const unsigned char *src, int first, int last) const;
+    void freeRow(unsigned char *row) const;
+    // The accessor of one cell. REQUIRES: 0 <= column < columnCount().
+    Field dataPtr(const unsigned char *row, int column) const;
+
+    // --- locking ---
+    void lock() const;
+    void unlock() const;
+
+    // --- index registry ---
+    QList<Index *> indexes() const;
+    QList<Index *> dependentIndexes() const;
+    void setIndexes(const QList<Index *> &indexes);
+    void addIndex(Index *index);
+    void removeIndex(Index *index);
+    void addDependentIndex(Index *index);
+    void removeDependentIndex(Index *index);
+    Index *namedIndex(const QString &name) const;
+    void setIndexName(const QString &name, Index *index);
+    QString indexName(Index *index) const;
+
+    // --- changes (see table.cpp for the notification order) ---
+    void beginUpdate();
+    void endUpdate();
+    int updateDepth() const;
+    void appendRow(unsigned char *row);
+    void appendList(const QList<Record> &records);
+    bool remove(const Record &record, int position = -1);
+    void updated(const Record &record, int a, int b, int c);
+    void updated(const Record &record, const QVector<int> &keeper, int a, int b);
+    QVector<int> buildKeeper(const Record &record) const;
+    void process(const QList<Record> &removed, QList<Record> &updated, int first, int last,
+                 const QList<Record> &inserted, const QList<Record> &changed);
+    void build();
+    void clear();
+
+Q_SIGNALS:
+    void indexAdded(Index *index);
+    void indexRemoved(Index *index);
+    void indexNameUpdated(Index *index, const QString &name);
+    void dependentIndexAdded(Index *index);
+    void dependentIndexRemoved(Index *index);
+
+private:
+    // Every row of the main index in index order, the main index left empty.
+    QList<Record> takeMainRows();
+    // Adds the rows back to the main index, in order.
+    void restoreMainRows(const QList<Record> &rows);
+
+    Q_DISABLE_COPY(Table)
+    const QScopedPointer<TablePrivate> d;
+};
+
+#endif // DATABASE_TABLE_H
