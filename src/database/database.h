@@ -11,6 +11,10 @@
 #include <database/field.h>
 #include <database/fieldtype.h>
 #include <database/index.h>
+#include <database/indexlimit.h>
+#include <database/indexlist.h>
+#include <database/indexsort.h>
+#include <database/masterindex.h>
 #include <database/record.h>
 #include <database/table.h>
 
