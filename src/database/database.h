@@ -11,7 +11,9 @@
 #include <database/field.h>
 #include <database/fieldtype.h>
 #include <database/index.h>
+#include <database/indexdepend.h>
 #include <database/record.h>
 #include <database/table.h>
+#include <database/tablerebuilder.h>
 
 #endif // DATABASE_DATABASE_H
