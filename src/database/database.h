@@ -14,4 +14,7 @@
 #include <database/record.h>
 #include <database/table.h>
 
+// Installed beside this header; in the source tree it is found on the include path.
+#include "deflatedevice.h"
+
 #endif // DATABASE_DATABASE_H
