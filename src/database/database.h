@@ -16,4 +16,7 @@
 #include <database/table.h>
 #include <database/tablerebuilder.h>
 
+// Installed beside this header; in the source tree it is found on the include path.
+#include "deflatedevice.h"
+
 #endif // DATABASE_DATABASE_H
