@@ -11,11 +11,16 @@
 #include <database/field.h>
 #include <database/fieldtype.h>
 #include <database/index.h>
+#include <database/indexdepend.h>
 #include <database/indexlimit.h>
 #include <database/indexlist.h>
 #include <database/indexsort.h>
 #include <database/masterindex.h>
 #include <database/record.h>
 #include <database/table.h>
+#include <database/tablerebuilder.h>
+
+// Installed beside this header; in the source tree it is found on the include path.
+#include "deflatedevice.h"
 
 #endif // DATABASE_DATABASE_H

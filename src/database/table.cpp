@@ -3,9 +3,11 @@
 #include "database/table_p.h"
 
 #include "database/index.h"
+#include "database/masterindex_struct.h"
 #include "database/record.h"
 
 #include <QDebug>
+#include <QThread>
 
 #include <cstring>
 
@@ -33,6 +35,12 @@ Table::Table(const QString &name, const QString &title, QObject *parent)
 
 Table::~Table()
 {
+    // The master index holds the rows: it goes while the table can still free them.
+    MasterIndex *master = d->master;
+    d->master = nullptr;
+    if (d->main == master)
+        d->main = nullptr;
+    delete master;
     qDeleteAll(d->columns);
 }
 
@@ -304,21 +312,44 @@ void Table::addColumn(const TableColumnDef &source)
 }
 
 // --- the main index ------------------------------------------------------------------
-// A table gets rows only through a master index; until one is installed there
-// is nothing to re-lay.
+// The master index is the main index. A test double installed in its place is
+// walked only if it can be (IndexIterative).
+
+void Table::setMasterIndex(MasterIndex *index)
+{
+    if (d->master && d->master != index)
+        delete d->master;
+    d->master = index;
+    setMainIndex(index);
+}
 
 QList<Record> Table::takeMainRows()
 {
-    return QList<Record>();
+    QList<Record> rows;
+    const auto *iterative = dynamic_cast<const IndexIterative *>(d->main);
+    if (!iterative)
+        return rows;
+    rows.reserve(iterative->count());
+    for (auto it = iterative->begin(), end = iterative->end(); it != end; ++it)
+        rows.append(*it);
+    d->main->clear();
+    return rows;
 }
 
-void Table::restoreMainRows(const QList<Record> &)
+void Table::restoreMainRows(const QList<Record> &rows)
 {
+    if (!d->main)
+        return;
+    for (const Record &row : rows)
+        d->main->add(row);
 }
 
 int Table::rowCount() const
 {
-    return 0;
+    if (d->master)
+        return d->master->count();
+    const auto *iterative = dynamic_cast<const IndexIterative *>(d->main);
+    return iterative ? iterative->count() : 0;
 }
 
 // --- locking -------------------------------------------------------------------------
@@ -397,9 +428,160 @@ QString Table::indexName(Index *index) const
     return QString();
 }
 
+// --- the main index hook ------------------------------------------------------------
+
+void Table::setMainIndex(Index *index)
+{
+    d->main = index;
+}
+
+void Table::testingSetMainIndex(Index *index)
+{
+    if (d->master) {
+        qWarning("Table::testingSetMainIndex: table '%s' has a master index", qPrintable(d->name));
+        return;
+    }
+    setMainIndex(index);
+}
+
+// --- change brackets -------------------------------------------------------------------
+
 int Table::updateDepth() const
 {
     return d->updateDepth.loadAcquire();
+}
+
+void Table::beginUpdate()
+{
+    if (d->updateDepth.fetchAndAddOrdered(1) >= 1)
+        return;
+
+    const QList<Index *> dependents = d->dependents;
+    for (Index *index : dependents)
+        index->dependentBeginUpdate(this);
+
+    lock();
+    if (d->bracketLocks++ == 0)
+        d->bracketOwner.store(QThread::currentThreadId());
+
+    if (d->main)
+        d->main->beginUpdate();
+    const QList<Index *> indexes = d->indexes;
+    for (Index *index : indexes)
+        index->beginUpdate();
+}
+
+void Table::endUpdate()
+{
+    int before = d->updateDepth.loadAcquire();
+    while (!d->updateDepth.testAndSetOrdered(before, before - 1))
+        before = d->updateDepth.loadAcquire();
+    if (before >= 2)
+        return;
+
+    // A bracket of this thread took the lock exactly when this thread is the
+    // recorded owner; anything else is an endUpdate() without its beginUpdate().
+    const bool ownsBracketLock = d->bracketOwner.load() == QThread::currentThreadId();
+    if (before <= 0 || !ownsBracketLock)
+        qWarning("Table::endUpdate: no update bracket is open on table '%s'", qPrintable(d->name));
+
+    if (d->main)
+        d->main->endUpdate();
+    const QList<Index *> indexes = d->indexes;
+    for (Index *index : indexes)
+        index->endUpdate();
+
+    if (ownsBracketLock) {
+        if (--d->bracketLocks == 0)
+            d->bracketOwner.store(nullptr);
+        unlock();
+    }
+
+    const QList<Index *> dependents = d->dependents;
+    for (Index *index : dependents)
+        index->dependentEndUpdate(this);
+}
+
+// --- notifications -----------------------------------------------------------------------
+
+void Table::appendRow(unsigned char *row)
+{
+    const Record record(row);
+    if (d->main)
+        d->main->add(record);
+    const QList<Index *> indexes = d->indexes;
+    for (Index *index : indexes)
+        index->add(record);
+}
+
+void Table::appendList(const QList<Record> &records)
+{
+    QList<Record> updated;
+    process(QList<Record>(), updated, -1, -1, records, QList<Record>());
+}
+
+bool Table::remove(const Record &record, int position)
+{
+    // `record` may be a handle inside one of the indexes: hold the row until
+    // every index has let go of it.
+    const Record keep(record);
+    const QList<Index *> indexes = d->indexes;
+    for (Index *index : indexes)
+        index->remove(keep, -1);
+    return d->main ? d->main->remove(keep, position) : false;
+}
+
+void Table::updated(const Record &record, int a, int b, int c)
+{
+    if (d->main)
+        d->main->update(record, a, b, c);
+    const QList<Index *> indexes = d->indexes;
+    for (Index *index : indexes)
+        index->update(record, a, b, -1);
+}
+
+QVector<int> Table::buildKeeper(const Record &record) const
+{
+    QVector<int> keeper;
+    keeper.reserve(1 + d->indexes.size());
+    keeper.append(d->main ? d->main->indexOf(record) : -1);
+    for (const Index *index : qAsConst(d->indexes))
+        keeper.append(index->indexOf(record));
+    return keeper;
+}
+
+void Table::updated(const Record &record, const QVector<int> &keeper, int a, int b)
+{
+    const QList<Index *> indexes = d->indexes;
+    QVector<int> positions = keeper;
+    if (positions.size() != 1 + indexes.size()) {
+        qWarning("Table::updated: the keeper of %d positions does not match the %d indexes of "
+                 "table '%s'",
+                 int(keeper.size()), int(1 + indexes.size()), qPrintable(d->name));
+        positions.fill(-1, 1 + indexes.size());
+    }
+    if (d->main)
+        d->main->update(record, a, b, positions.at(0));
+    for (int i = 0; i < indexes.size(); ++i)
+        indexes.at(i)->update(record, a, b, positions.at(i + 1));
+}
+
+void Table::process(const QList<Record> &removed, QList<Record> &updated, int first, int last,
+                    const QList<Record> &inserted, const QList<Record> &changed)
+{
+    const QList<Index *> preprocessed = d->indexes;
+    for (Index *index : preprocessed)
+        index->preprocess(removed, updated, first, last, inserted, changed);
+
+    const int copies = qMin(updated.size(), changed.size());
+    for (int i = 0; i < copies; ++i)
+        updated[i].copy(changed.at(i), first, last);
+
+    if (d->main)
+        d->main->process(removed, updated, first, last, inserted);
+    const QList<Index *> indexes = d->indexes;
+    for (Index *index : indexes)
+        index->process(removed, updated, first, last, inserted);
 }
 
 void Table::build()
@@ -407,4 +589,15 @@ void Table::build()
     const QList<Index *> indexes = d->indexes;
     for (Index *index : indexes)
         index->build();
+}
+
+void Table::clear()
+{
+    beginUpdate();
+    const QList<Index *> indexes = d->indexes;
+    for (Index *index : indexes)
+        index->clear();
+    if (d->main)
+        d->main->clear();
+    endUpdate();
 }
