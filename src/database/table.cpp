@@ -269,6 +269,11 @@ void Table::addColumn(const TableColumnDef &source)
     const int newRowLength = oldRowLength + cellLength;
     const int newRowSize = 16 + newRowLength + flagBytes(oldColumnCount + 1);
 
+    // The listed indexes are built again at the end; emptied now, none of them
+    // keeps a handle to a block that the re-laying may move.
+    const QList<Index *> listed = d->indexes;
+    for (Index *index : listed)
+        index->clear();
     QList<Record> rows = takeMainRows();
     QList<unsigned char *> blocks;
     blocks.reserve(rows.size());
