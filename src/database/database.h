@@ -7,6 +7,7 @@
 
 #include <database/checksum.h>
 #include <database/columndef.h>
+#include <database/concurrentsort.h>
 #include <database/exception.h>
 #include <database/field.h>
 #include <database/fieldtype.h>
@@ -16,6 +17,8 @@
 #include <database/indexlist.h>
 #include <database/indexsort.h>
 #include <database/masterindex.h>
+#include <database/partitionlist.h>
+#include <database/rangeset.h>
 #include <database/record.h>
 #include <database/table.h>
 #include <database/tablerebuilder.h>
