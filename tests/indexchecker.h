@@ -57,8 +57,7 @@ inline QString sameOrder(const IndexIterative *index, const std::vector<Record> 
 // One list index against the master rows: the same rows as those that pass
 // its filter (as a multiset of row blocks); a sorted index also in compare()
 // order, and every `stride`-th row found where it stands by indexOf().
-inline QString checkIndex(const IndexList *index, const std::vector<Record> &masterRows,
-                          int stride)
+inline QString checkIndex(const IndexList *index, const std::vector<Record> &masterRows, int stride)
 {
     const std::vector<Record> rows = rowsOf(index);
     const QString name = QString::fromLatin1(index->getClassName());
@@ -83,9 +82,10 @@ inline QString checkIndex(const IndexList *index, const std::vector<Record> &mas
         if (sorted && i > 0 && sorted->compare(rows[i - 1], rows[i]) > 0)
             return name + QStringLiteral(": out of order at %1: %2").arg(i).arg(describe(rows[i]));
         if (stride > 0 && i % size_t(stride) == 0 && index->indexOf(rows[i]) != int(i))
-            return name + QStringLiteral(": indexOf() of position %1 gives %2")
-                              .arg(i)
-                              .arg(index->indexOf(rows[i]));
+            return name
+                + QStringLiteral(": indexOf() of position %1 gives %2")
+                      .arg(i)
+                      .arg(index->indexOf(rows[i]));
     }
     return QString();
 }
@@ -115,7 +115,7 @@ inline QString check(const Table *table, int stride = 7)
 
 #define QVERIFY_INDEXES(table)                                                                     \
     do {                                                                                           \
-        const QString indexError = IndexChecker::check(table);                                    \
+        const QString indexError = IndexChecker::check(table);                                     \
         QVERIFY2(indexError.isEmpty(), qPrintable(indexError));                                    \
     } while (false)
 

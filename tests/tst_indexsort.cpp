@@ -99,8 +99,8 @@ void tst_IndexSort::listAppendRemoveMove()
 
 void tst_IndexSort::listBuildAndTableByName()
 {
-    table->appendList({ makeRow(*table, 5), makeRow(*table, 3), makeRow(*table, 9),
-                        makeRow(*table, 1) });
+    table->appendList(
+        { makeRow(*table, 5), makeRow(*table, 3), makeRow(*table, 9), makeRow(*table, 1) });
     DefaultCore::global()->addTable(table);
     {
         IndexList byName(QStringLiteral("quotes"), true);
@@ -169,8 +169,8 @@ void tst_IndexSort::update_data()
     QTest::addColumn<int>("warnings");
     // Start: groups 10 20 30 40 50 for ids 1..5, plus the unindexed id 6.
     QTest::newRow("key kept") << 3 << 30 << -1 << QList<int>({ 1, 2, 3, 4, 5 }) << 0;
-    QTest::newRow("equal to next neighbour stays") << 3 << 40 << -1 << QList<int>({ 1, 2, 3, 4, 5 })
-                                                   << 0;
+    QTest::newRow("equal to next neighbour stays")
+        << 3 << 40 << -1 << QList<int>({ 1, 2, 3, 4, 5 }) << 0;
     QTest::newRow("changed, position unknown")
         << 2 << 45 << -1 << QList<int>({ 1, 3, 4, 2, 5 }) << 1;
     QTest::newRow("changed, position known") << 2 << 45 << -2 << QList<int>({ 1, 3, 4, 2, 5 }) << 0;
@@ -178,8 +178,8 @@ void tst_IndexSort::update_data()
         << 2 << 45 << 4 << QList<int>({ 1, 3, 4, 2, 5 }) << 1;
     QTest::newRow("changed to an equal key goes last")
         << 5 << 10 << -2 << QList<int>({ 1, 5, 2, 3, 4 }) << 0;
-    QTest::newRow("not in the index is added") << 6 << 25 << -1 << QList<int>({ 1, 2, 6, 3, 4, 5 })
-                                               << 0;
+    QTest::newRow("not in the index is added")
+        << 6 << 25 << -1 << QList<int>({ 1, 2, 6, 3, 4, 5 }) << 0;
     QTest::newRow("failing the filter leaves") << 4 << 99 << -1 << QList<int>({ 1, 2, 3, 5 }) << 0;
 }
 

@@ -40,7 +40,7 @@ MasterIndex *makeMaster(const QString &kind, Table *table)
 
 Record keyedRow(const Table &table, int id, const QString &code)
 {
-    Record row(&table);
+    const Record row(&table);
     row.data(0).set<qint32>(id);
     row.data(1) = code;
     return row;
@@ -121,16 +121,26 @@ void tst_MasterIndex::columnOrdering_data()
     QTest::addColumn<QString>("a");
     QTest::addColumn<QString>("b");
     QTest::addColumn<int>("expected");
-    QTest::newRow("null first") << int(FieldType::Integer) << "" << "-5" << -1;
-    QTest::newRow("both null") << int(FieldType::VarChar) << "" << "" << 0;
-    QTest::newRow("int signed") << int(FieldType::Integer) << "-5" << "3" << -1;
-    QTest::newRow("int64") << int(FieldType::Integer64) << "9000000000" << "-1" << 1;
-    QTest::newRow("double") << int(FieldType::Double) << "1.5" << "1.25" << 1;
-    QTest::newRow("decimal scale") << int(FieldType::Decimal) << "1.50" << "1.5" << 0;
-    QTest::newRow("decimal sign") << int(FieldType::Decimal) << "-0.5" << "0" << -1;
-    QTest::newRow("decimal magnitude") << int(FieldType::Decimal) << "10.1" << "9.99" << 1;
-    QTest::newRow("string case") << int(FieldType::VarChar) << "B" << "a" << -1;
-    QTest::newRow("string prefix") << int(FieldType::VarChar) << "ab" << "abc" << -1;
+    QTest::newRow("null first") << int(FieldType::Integer) << ""
+                                << "-5" << -1;
+    QTest::newRow("both null") << int(FieldType::VarChar) << ""
+                               << "" << 0;
+    QTest::newRow("int signed") << int(FieldType::Integer) << "-5"
+                                << "3" << -1;
+    QTest::newRow("int64") << int(FieldType::Integer64) << "9000000000"
+                           << "-1" << 1;
+    QTest::newRow("double") << int(FieldType::Double) << "1.5"
+                            << "1.25" << 1;
+    QTest::newRow("decimal scale") << int(FieldType::Decimal) << "1.50"
+                                   << "1.5" << 0;
+    QTest::newRow("decimal sign") << int(FieldType::Decimal) << "-0.5"
+                                  << "0" << -1;
+    QTest::newRow("decimal magnitude") << int(FieldType::Decimal) << "10.1"
+                                       << "9.99" << 1;
+    QTest::newRow("string case") << int(FieldType::VarChar) << "B"
+                                 << "a" << -1;
+    QTest::newRow("string prefix") << int(FieldType::VarChar) << "ab"
+                                   << "abc" << -1;
     QTest::newRow("date-time") << int(FieldType::DateTime) << "2015-03-01"
                                << "2015.02.28 23:59:59.999" << 1;
 }
@@ -231,8 +241,8 @@ void tst_MasterIndex::keyTextParts()
                             "2 != 3"));
 
     MasterIndex_Column_Pure byTime(&table, QStringLiteral("when"));
-    for (const char *text : { "2015.03.01 10:11:12.013", "2015-03-01 10:11:12", "2015.03.01",
-                              "2015-03-01" }) {
+    for (const char *text :
+         { "2015.03.01 10:11:12.013", "2015-03-01 10:11:12", "2015.03.01", "2015-03-01" }) {
         const QString expected = QString::fromLatin1(text).replace('-', '.');
         QVERIFY2(byTime.toText(byTime.fromText(QLatin1String(text))).startsWith(expected), text);
     }
@@ -254,8 +264,7 @@ void tst_MasterIndex::orderedMaster()
         rows << makeRow(table, id);
     table.appendList(rows.mid(0, 2));
     table.appendList(rows.mid(2));
-    QCOMPARE(IndexChecker::sameOrder(table.masterIndex(), { rows.begin(), rows.end() }),
-             QString());
+    QCOMPARE(IndexChecker::sameOrder(table.masterIndex(), { rows.begin(), rows.end() }), QString());
     QVERIFY(table.masterIndex()->toText(rows[0]).isEmpty());
     QVERIFY(table.masterIndex()->columnNames().isEmpty());
     // Without a key every search key matches: the first row is found.

@@ -33,8 +33,8 @@ bool IndexLimit::containsRecord(const QList<Record> &list, const Record &record)
     const MasterIndex *master = source ? source->masterIndex() : nullptr;
     if (!master)
         return false;
-    const auto lower = std::lower_bound(list.cbegin(), list.cend(), record,
-                                        IndexSort::LessThan(master));
+    const auto lower
+        = std::lower_bound(list.cbegin(), list.cend(), record, IndexSort::LessThan(master));
     return lower != list.cend() && master->compare(*lower, record) == 0;
 }
 

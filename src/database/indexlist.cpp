@@ -1,7 +1,7 @@
 #include "database/indexlist.h"
 
-#include "database/indexlist_p.h"
 #include "core/icore.h"
+#include "database/indexlist_p.h"
 #include "database/masterindex_struct.h"
 #include "database/table.h"
 
@@ -74,15 +74,14 @@ void IndexList::build()
     if (!master || static_cast<const IndexList *>(master) == this)
         return;
     clear();
-    for (auto it = master->begin(), end = master->end(); it != end; ++it) {
-        if (filter(*it))
-            add(*it);
-    }
+    for (auto it = master->begin(), end = master->end(); it != end; ++it)
+        add(*it);
 }
 
 void IndexList::add(const Record &record)
 {
-    d->records.append(record);
+    if (filter(record))
+        d->records.append(record);
 }
 
 bool IndexList::remove(const Record &record, int position)

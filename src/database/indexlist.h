@@ -76,7 +76,8 @@ public:
 
     void clear() override;
     void build() override;
-    // Appends at the end.
+    // Appends at the end. A record that fails filter() is ignored: the table
+    // hands single appends to every index unfiltered.
     void add(const Record &record) override;
     bool remove(const Record &record, int position) override;
     // Accepts every record.

@@ -230,6 +230,8 @@ void IndexSort::build()
 
 void IndexSort::add(const Record &record)
 {
+    if (!filter(record))
+        return;
     PartitionList<Record> &list = records();
     const int n = list.count();
     // Rows often arrive in key order (builds, re-laying, ordered masters):

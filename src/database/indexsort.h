@@ -73,6 +73,7 @@ public:
 
     void build() override;
     // Inserts at indexOfAdd(): after every record with a key <= the record's.
+    // A record that fails filter() is ignored.
     void add(const Record &record) override;
     // Removes the updated and removed records by ranges, then merges the
     // updated and inserted records that pass filter() in runs.

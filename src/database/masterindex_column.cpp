@@ -28,8 +28,7 @@ QList<const TableColumnDef *> columnsByPosition(const Table *table, const QList<
     for (int position : positions) {
         const TableColumnDef *column = table ? table->columnDef(position) : nullptr;
         if (!column)
-            throw Exception(
-                QStringLiteral("Column '%1' not found to create index.").arg(position));
+            throw Exception(QStringLiteral("Column '%1' not found to create index.").arg(position));
         columns << column;
     }
     return columns;
@@ -93,8 +92,8 @@ int compareCells(const unsigned char *a, const unsigned char *b, const TableColu
 
 qint64 parseDateTime(const QString &part)
 {
-    static const char *const formats[] = { "yyyy.MM.dd HH:mm:ss.zzz", "yyyy-MM-dd HH:mm:ss",
-                                           "yyyy.MM.dd", "yyyy-MM-dd" };
+    static const char *const formats[]
+        = { "yyyy.MM.dd HH:mm:ss.zzz", "yyyy-MM-dd HH:mm:ss", "yyyy.MM.dd", "yyyy-MM-dd" };
     for (const char *format : formats) {
         const QDateTime parsed = QDateTime::fromString(part, QLatin1String(format));
         if (parsed.isValid())

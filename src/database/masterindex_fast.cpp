@@ -39,9 +39,9 @@ void MasterIndex_Fast_Pure::setup()
         case FieldType::DateTime:
             break;
         default:
-            throw Exception(QStringLiteral("Type '%1' unsuported for %2")
-                                .arg(QString::fromLatin1(FieldType::typeName(column->type)),
-                                     column->name));
+            throw Exception(
+                QStringLiteral("Type '%1' unsuported for %2")
+                    .arg(QString::fromLatin1(FieldType::typeName(column->type)), column->name));
         }
         if (column->nullable)
             throw Exception(QStringLiteral("Columns can't be nullable %1").arg(column->name));
