@@ -11,7 +11,10 @@
 #include <database/field.h>
 #include <database/fieldtype.h>
 #include <database/index.h>
+#include <database/logfile.h>
 #include <database/record.h>
+#include <database/runnable.h>
 #include <database/table.h>
+#include <database/volat.h>
 
 #endif // DATABASE_DATABASE_H
