@@ -1,12 +1,108 @@
 #include "runnable.h"
 
 #include <QMetaObject>
-#include <QMutexLocker>
-#include <QReadLocker>
 #include <QThreadPool>
 #include <QWaitCondition>
-#include <QWriteLocker>
 #include <QtDebug>
+
+#if defined(__SANITIZE_THREAD__)
+#define DATABASE_THREAD_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define DATABASE_THREAD_SANITIZER 1
+#endif
+#endif
+
+#ifdef DATABASE_THREAD_SANITIZER
+#include <sanitizer/tsan_interface.h>
+#endif
+
+namespace {
+// Qt's mutexes, read-write locks and thread pool queue synchronise through
+// futexes inside the Qt library, which the thread sanitizer does not
+// instrument, so it cannot see the ordering they give. These two mark exactly
+// that ordering on the object concerned: "acquired" right after taking a lock
+// (or receiving an object from another thread), "releasing" right before
+// giving it up (or handing the object over). Outside such builds they are
+// empty.
+inline void syncAcquired(const void *object)
+{
+#ifdef DATABASE_THREAD_SANITIZER
+    __tsan_acquire(const_cast<void *>(object));
+#else
+    Q_UNUSED(object)
+#endif
+}
+
+inline void syncReleasing(const void *object)
+{
+#ifdef DATABASE_THREAD_SANITIZER
+    __tsan_release(const_cast<void *>(object));
+#else
+    Q_UNUSED(object)
+#endif
+}
+
+class MutexGuard
+{
+public:
+    explicit MutexGuard(QMutex &mutex)
+        : m_mutex(mutex)
+    {
+        m_mutex.lock();
+        syncAcquired(&m_mutex);
+    }
+    ~MutexGuard()
+    {
+        syncReleasing(&m_mutex);
+        m_mutex.unlock();
+    }
+
+private:
+    Q_DISABLE_COPY(MutexGuard)
+    QMutex &m_mutex;
+};
+
+class ReadGuard
+{
+public:
+    explicit ReadGuard(QReadWriteLock &lock)
+        : m_lock(lock)
+    {
+        m_lock.lockForRead();
+        syncAcquired(&m_lock);
+    }
+    ~ReadGuard()
+    {
+        syncReleasing(&m_lock);
+        m_lock.unlock();
+    }
+
+private:
+    Q_DISABLE_COPY(ReadGuard)
+    QReadWriteLock &m_lock;
+};
+
+class WriteGuard
+{
+public:
+    explicit WriteGuard(QReadWriteLock &lock)
+        : m_lock(lock)
+    {
+        m_lock.lockForWrite();
+        syncAcquired(&m_lock);
+    }
+    ~WriteGuard()
+    {
+        syncReleasing(&m_lock);
+        m_lock.unlock();
+    }
+
+private:
+    Q_DISABLE_COPY(WriteGuard)
+    QReadWriteLock &m_lock;
+};
+} // namespace
 
 Runnable::Runnable()
     : m_mayRun(true)
@@ -17,13 +113,13 @@ Runnable::~Runnable() = default;
 
 void Runnable::stop()
 {
-    QMutexLocker locker(&m_mutex);
+    MutexGuard guard(m_mutex);
     m_mayRun = false;
 }
 
 bool Runnable::canRun() const
 {
-    QMutexLocker locker(&m_mutex);
+    MutexGuard guard(m_mutex);
     return m_mayRun;
 }
 
@@ -49,10 +145,11 @@ Runnable *RunnableWrapper::payload() const
 
 void RunnableWrapper::run()
 {
+    syncAcquired(this); // handed over by startRunnable through the pool's queue
     m_payload->run();
     QMetaObject::invokeMethod(m_manager, "finished", Qt::QueuedConnection,
                               Q_ARG(void *, static_cast<void *>(this)));
-    QWriteLocker locker(m_lock);
+    WriteGuard guard(*m_lock);
     m_list->removeOne(this);
     m_waitCondition->wakeAll();
 }
@@ -62,7 +159,9 @@ void RunnableWrapper::wait()
     // Both are copied first: once woken, this wrapper may already be deleted.
     const QSharedPointer<QWaitCondition> condition = m_waitCondition;
     QReadWriteLock *const lock = m_lock;
+    syncReleasing(lock);
     condition->wait(lock);
+    syncAcquired(lock);
 }
 
 RunnableManager::RunnableManager(QObject *parent)
@@ -88,16 +187,17 @@ void *RunnableManager::startRunnable(Runnable *task, QThreadPool *pool, int prio
     }
     auto *wrapper = new RunnableWrapper(task, this, &m_running, &m_lock);
     {
-        QWriteLocker locker(&m_lock);
+        WriteGuard guard(m_lock);
         m_running.append(wrapper);
     }
+    syncReleasing(wrapper);
     pool->start(wrapper, priority);
     return wrapper;
 }
 
 void RunnableManager::stopRunnable(void *handle, bool wait)
 {
-    QReadLocker locker(&m_lock);
+    ReadGuard guard(m_lock);
     if (m_running.lastIndexOf(handle) < 0)
         return;
     auto *wrapper = static_cast<RunnableWrapper *>(handle);
@@ -108,7 +208,7 @@ void RunnableManager::stopRunnable(void *handle, bool wait)
 
 void RunnableManager::stopRunnables(bool wait)
 {
-    QReadLocker locker(&m_lock);
+    ReadGuard guard(m_lock);
     const QList<void *> running = m_running;
     for (void *handle : running)
         static_cast<RunnableWrapper *>(handle)->payload()->stop();
@@ -120,12 +220,12 @@ void RunnableManager::stopRunnables(bool wait)
 
 bool RunnableManager::isRunning() const
 {
-    QReadLocker locker(&m_lock);
+    ReadGuard guard(m_lock);
     return !m_running.isEmpty();
 }
 
 bool RunnableManager::isRunning(void *handle) const
 {
-    QReadLocker locker(&m_lock);
+    ReadGuard guard(m_lock);
     return m_running.lastIndexOf(handle) >= 0;
 }
