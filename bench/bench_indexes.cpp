@@ -79,7 +79,10 @@ struct Quotes
         row.data(Time).set<qint64>(1700000000000LL + qint64(random() % 86400000));
     }
     // Every index's ordering, master first.
-    std::vector<IndexSort *> orderings() { return { table.masterIndex(), byInstrument.get(), byTime.get() }; }
+    std::vector<IndexSort *> orderings()
+    {
+        return { table.masterIndex(), byInstrument.get(), byTime.get() };
+    }
 
     Table table;
     std::unique_ptr<ByColumns> byInstrument;
@@ -296,7 +299,9 @@ public:
     std::map<std::string, double> rates;
 };
 
-void quiet(QtMsgType, const QMessageLogContext &, const QString &) { }
+void quiet(QtMsgType, const QMessageLogContext &, const QString &)
+{
+}
 
 } // namespace
 
@@ -310,8 +315,8 @@ int main(int argc, char **argv)
         const double a = reporter.rate(library);
         const double b = reporter.rate(peer);
         if (a > 0 && b > 0)
-            std::printf("%-40s library %10.4g rows/s, peer %10.4g rows/s, ratio %.2f\n", what, a,
-                        b, a / b);
+            std::printf("%-40s library %10.4g rows/s, peer %10.4g rows/s, ratio %.2f\n", what, a, b,
+                        a / b);
     };
     ratio("BM_AppendList", "BM_AppendListPeer", "bulk append (vs 3 stable sorts)");
     ratio("BM_UpdateSingle", "BM_UpdateSinglePeer", "single update (vs 3 multisets)");

@@ -16,8 +16,8 @@
 #include <database/indexlimit.h>
 #include <database/indexlist.h>
 #include <database/indexsort.h>
-#include <database/masterindex.h>
 #include <database/logfile.h>
+#include <database/masterindex.h>
 #include <database/partitionlist.h>
 #include <database/rangeset.h>
 #include <database/record.h>
