@@ -43,7 +43,7 @@ inline int idOf(const Record &row)
     return row.data(Id).get<qint32>();
 }
 
-// Sorted by the given integer/string/double columns, nulls first; an optional
+// Sorted like a column key over the given columns (nulls first); an optional
 // filter.
 class ColumnSort : public IndexSort
 {
@@ -51,41 +51,15 @@ public:
     using Filter = std::function<bool(const Record &)>;
     ColumnSort(Table *table, const QList<int> &columns, bool registered, Filter filter = {})
         : IndexSort(table, registered)
-        , m_columns(columns)
+        , m_key(table, columns)
         , m_filter(std::move(filter))
     {
     }
-    int compare(const Record &a, const Record &b) const override
-    {
-        for (int column : m_columns) {
-            const Field fa = a.data(column);
-            const Field fb = b.data(column);
-            if (fa.isNull() != fb.isNull())
-                return fa.isNull() ? -1 : 1;
-            if (fa.isNull())
-                continue;
-            int c = 0;
-            switch (fa.type()) {
-            case FieldType::Integer:
-                c = order(fa.get<qint32>(), fb.get<qint32>());
-                break;
-            case FieldType::Double:
-                c = order(fa.get<double>(), fb.get<double>());
-                break;
-            default:
-                c = fa.toString().compare(fb.toString());
-                c = c < 0 ? -1 : (c > 0 ? 1 : 0);
-            }
-            if (c != 0)
-                return c;
-        }
-        return 0;
-    }
+    int compare(const Record &a, const Record &b) const override { return m_key.compare(a, b); }
     bool filter(const Record &record) const override { return !m_filter || m_filter(record); }
 
 private:
-    template <typename T> static int order(T a, T b) { return a < b ? -1 : (b < a ? 1 : 0); }
-    QList<int> m_columns;
+    MasterIndex_Column_Pure m_key;
     Filter m_filter;
 };
 
