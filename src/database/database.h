@@ -7,13 +7,24 @@
 
 #include <database/checksum.h>
 #include <database/columndef.h>
+<<<<<<< HEAD
 #include <database/datetime.h>
 #include <database/decimal.h>
+=======
+#include <database/concurrentsort.h>
+>>>>>>> main
 #include <database/exception.h>
 #include <database/field.h>
 #include <database/fieldtype.h>
 #include <database/index.h>
+#include <database/indexdepend.h>
+#include <database/partitionlist.h>
+#include <database/rangeset.h>
 #include <database/record.h>
 #include <database/table.h>
+#include <database/tablerebuilder.h>
+
+// Installed beside this header; in the source tree it is found on the include path.
+#include "deflatedevice.h"
 
 #endif // DATABASE_DATABASE_H
