@@ -7,12 +7,9 @@
 
 #include <database/checksum.h>
 #include <database/columndef.h>
-<<<<<<< HEAD
+#include <database/concurrentsort.h>
 #include <database/datetime.h>
 #include <database/decimal.h>
-=======
-#include <database/concurrentsort.h>
->>>>>>> main
 #include <database/exception.h>
 #include <database/field.h>
 #include <database/fieldtype.h>
