@@ -302,7 +302,9 @@ FieldValue &FieldValue::operator=(const Field &field)
     if (!cell.empty())
         std::memcpy(cell.data(), field.data, cell.size());
     init(&def);
-    std::memcpy(data, cell.data(), qMin<std::size_t>(cell.size(), std::size_t(m_def.size)));
+    const std::size_t bytes = qMin<std::size_t>(cell.size(), std::size_t(m_def.size));
+    if (bytes > 0)
+        std::memcpy(data, cell.data(), bytes);
     setPresent(present);
     return *this;
 }
