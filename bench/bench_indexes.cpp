@@ -67,7 +67,7 @@ struct Quotes
             row.data(Instrument) = QStringLiteral("SBER%1").arg(random() % 500);
             change(row, random);
             row.data(Quantity).set<double>(random() % 10000);
-            row.data(Side) = QStringLiteral(i % 2 ? "BUY" : "SELL");
+            row.data(Side) = QString::fromLatin1(i % 2 ? "BUY" : "SELL");
             rows.append(row);
         }
         if (fill)
