@@ -12,6 +12,9 @@
 #include <database/fieldtype.h>
 #include <database/index.h>
 #include <database/record.h>
+#include <database/settings/mapsettings.h>
+#include <database/settings/qtjsonsettings.h>
+#include <database/settings/settings.h>
 #include <database/table.h>
 
 #endif // DATABASE_DATABASE_H
