@@ -14,41 +14,22 @@
 
 namespace {
 
-struct LoggedMessage
+// Every message logged while a Capture is alive, as "category/type: text".
+QStringList logged;
+void capture(QtMsgType type, const QMessageLogContext &context, const QString &text)
 {
-    QtMsgType type;
-    QString category;
-    QString text;
-};
-
-// Collects every message while alive, so a test can assert what was logged
-// and in which category.
-class MessageCapture
+    logged << QStringLiteral("%1/%2: %3").arg(context.category).arg(type).arg(text);
+}
+struct Capture
 {
-public:
-    MessageCapture() { previous = qInstallMessageHandler(handler); }
-    ~MessageCapture()
+    Capture()
+        : previous(qInstallMessageHandler(capture))
     {
-        qInstallMessageHandler(previous);
-        messages.clear();
+        logged.clear();
     }
-    static QList<LoggedMessage> messages;
-
-private:
-    static void handler(QtMsgType type, const QMessageLogContext &context, const QString &text)
-    {
-        messages.append({ type, QString::fromLatin1(context.category), text });
-    }
+    ~Capture() { qInstallMessageHandler(previous); }
     QtMessageHandler previous;
 };
-QList<LoggedMessage> MessageCapture::messages;
-
-QByteArray writeJson(const QSettings::SettingsMap &map)
-{
-    QBuffer buffer;
-    buffer.open(QIODevice::WriteOnly);
-    return QtJsonSettings::writeJsonFile(buffer, map) ? buffer.data() : QByteArray("failed");
-}
 
 QByteArray runPython(const QString &script, const QString &path)
 {
@@ -63,7 +44,8 @@ QByteArray runPython(const QString &script, const QString &path)
     return python.readAllStandardOutput().trimmed();
 }
 
-const QString ReadErrorStart = QStringLiteral("Ошибка при чтении настроек JSON:\n ");
+const QString DebugReadError
+    = QStringLiteral("QGuiLog/%1: Ошибка при чтении настроек JSON:\n ").arg(QtDebugMsg);
 
 } // namespace
 
@@ -72,7 +54,6 @@ class tst_Settings : public QObject
     Q_OBJECT
 private Q_SLOTS:
     void initTestCase();
-    void formatsRegistered();
     void writeNesting_data();
     void writeNesting();
     void fileRoundTripThroughPython();
@@ -81,7 +62,6 @@ private Q_SLOTS:
     void badFiles();
     void deviceErrors();
     void mapSettingsKeepApart();
-    void mapSettingsGroups();
     void mapSettingsStoreAndRestore();
     void mapSettingsNeverTouchDisk();
     void settingsOwnership();
@@ -95,25 +75,13 @@ void tst_Settings::initTestCase()
     QVERIFY(dir.isValid());
 }
 
-void tst_Settings::formatsRegistered()
-{
-    // Nothing in this process registers a format before the library does, so
-    // "json" and "map" take the first two custom slots.
-    QCOMPARE(int(QtJsonSettings::JsonFormat), int(QSettings::CustomFormat1));
-    QCOMPARE(int(QtJsonSettings::mapFormat()), 18);
-}
-
 void tst_Settings::writeNesting_data()
 {
     QTest::addColumn<QVariantMap>("map");
     QTest::addColumn<QByteArray>("expected");
 
-    QTest::newRow("groups") << QVariantMap { { "a/b", 1 }, { "a/c", "x" } }
-                            << QByteArray(R"({"a":{"b":1,"c":"x"}})");
     QTest::newRow("map value gets prefix") << QVariantMap { { "g/m", QVariantMap { { "k", 1 } } } }
                                            << QByteArray(R"({"g":{"@Map_m":{"k":1}}})");
-    QTest::newRow("scalar list") << QVariantMap { { "l", QVariantList { 1, "two" } } }
-                                 << QByteArray(R"({"l":[1,"two"]})");
     QTest::newRow("complete array stays an object")
         << QVariantMap { { "arr/1/x", 1 }, { "arr/2/x", 2 }, { "arr/size", 2 } }
         << QByteArray(R"({"arr":{"1":{"x":1},"2":{"x":2},"size":2}})");
@@ -133,7 +101,10 @@ void tst_Settings::writeNesting()
 {
     QFETCH(QVariantMap, map);
     QFETCH(QByteArray, expected);
-    const QByteArray written = writeJson(map);
+    QBuffer buffer;
+    buffer.open(QIODevice::WriteOnly);
+    QVERIFY(QtJsonSettings::writeJsonFile(buffer, map));
+    const QByteArray written = buffer.data();
     QVERIFY2(written.contains('\n'), written.constData()); // indented, human-readable
     QCOMPARE(QJsonDocument::fromJson(written).toJson(QJsonDocument::Compact), expected);
 }
@@ -204,23 +175,27 @@ json.dump(doc, open(sys.argv[1], "w"), indent=1))",
              QByteArray());
 
     QSettings settings(path, QtJsonSettings::JsonFormat);
-    QCOMPARE(settings.status(), QSettings::NoError);
-    QCOMPARE(settings.allKeys().size(), 12);
-    QCOMPARE(settings.value("window/geometry/x").userType(), int(QMetaType::Int));
-    QCOMPARE(settings.value("window/geometry/w"), QVariant(800.5));
-    QCOMPARE(settings.value("window/title"), QVariant(QStringLiteral("Котировки ✓")));
-    QCOMPARE(settings.value("rows/size"), QVariant(2));
-    QCOMPARE(settings.value("rows/1/name"), QVariant("a"));
-    QCOMPARE(settings.value("rows/2/n"), QVariant(2));
-    QCOMPARE(settings.value("cols"),
-             QVariant(QVariantList { 1, 2.5, QStringLiteral("три"), true, QVariant() }));
-    QCOMPARE(settings.value("empty"), QVariant(QVariantList()));
-    QVERIFY(!settings.contains("nothing"));
-    QCOMPARE(settings.value("filter"),
-             QVariant(QVariantMap { { "board", "TQBR" }, { "lots", 10 } }));
-    QCOMPARE(settings.value("big").userType(), int(QMetaType::LongLong));
-    QCOMPARE(settings.value("big"), QVariant(qlonglong(12345678901)));
-    QCOMPARE(settings.value("flag"), QVariant(false));
+    QVariantMap read;
+    for (const QString &key : settings.allKeys())
+        read.insert(key, settings.value(key));
+    const QVariantMap expected {
+        // QVariant equality also compares the number kinds
+        { "window/geometry/x", 10 },
+        { "window/geometry/w", 800.5 },
+        { "window/title", QStringLiteral("Котировки ✓") },
+        { "rows/size", 2 },
+        { "rows/1/name", "a" },
+        { "rows/2/name", "b" },
+        { "rows/2/n", 2 },
+        { "cols", QVariantList { 1, 2.5, QStringLiteral("три"), true, QVariant() } },
+        { "empty", QVariantList() },
+        { "filter", QVariantMap { { "board", "TQBR" }, { "lots", 10 } } },
+        { "big", qlonglong(12345678901) },
+        { "flag", false }
+    };
+    QCOMPARE(read, expected);
+    for (auto it = expected.constBegin(); it != expected.constEnd(); ++it)
+        QCOMPARE(read.value(it.key()).userType(), it.value().userType());
 }
 
 void tst_Settings::badFiles_data()
@@ -234,7 +209,6 @@ void tst_Settings::badFiles_data()
                                   << "object is missing after a comma" << 3;
     QTest::newRow("not json") << QByteArray("[General]\nkey=value\n") << qint64(0)
                               << "illegal number" << 1;
-    QTest::newRow("bare number") << QByteArray("42") << qint64(0) << "illegal value" << 1;
     QTest::newRow("whitespace only") << QByteArray("\n\n") << qint64(0) << "illegal value" << 3;
     QTest::newRow("deep nesting") << QByteArray(100000, '[') << qint64(0)
                                   << "too deeply nested document" << 1;
@@ -257,21 +231,18 @@ void tst_Settings::badFiles()
         if (sparseSize)
             QVERIFY(file.resize(sparseSize));
     }
-    MessageCapture capture;
+    Capture capture;
     QSettings settings(path, QtJsonSettings::JsonFormat);
     QCOMPARE(settings.status(), QSettings::FormatError);
     QVERIFY(settings.allKeys().isEmpty());
-    QCOMPARE(MessageCapture::messages.size(), 1);
-    const LoggedMessage &message = MessageCapture::messages.first();
-    QCOMPARE(message.type, QtDebugMsg);
-    QCOMPARE(message.category, QStringLiteral("QGuiLog"));
-    QCOMPARE(message.text,
-             ReadErrorStart + path + QStringLiteral(" \n%1 в строке %2").arg(error).arg(line));
+    QCOMPARE(logged,
+             QStringList(DebugReadError + path
+                         + QStringLiteral(" \n%1 в строке %2").arg(error).arg(line)));
 }
 
 void tst_Settings::deviceErrors()
 {
-    MessageCapture capture;
+    Capture capture;
     // QSettings never reads an empty file (it is an empty settings file), but
     // the read function itself refuses an empty document.
     QBuffer empty;
@@ -279,18 +250,12 @@ void tst_Settings::deviceErrors()
     QSettings::SettingsMap map;
     QVERIFY(!QtJsonSettings::readJsonFile(empty, map));
     QVERIFY(map.isEmpty());
-    QCOMPARE(MessageCapture::messages.size(), 1);
-    QCOMPARE(MessageCapture::messages.first().text,
-             ReadErrorStart + QStringLiteral("QBuffer \nillegal value в строке 1"));
-
-    MessageCapture::messages.clear();
     QBuffer readOnly;
     readOnly.open(QIODevice::ReadOnly);
     QVERIFY(!QtJsonSettings::writeJsonFile(readOnly, { { "a", 1 } }));
-    QCOMPARE(MessageCapture::messages.last().type, QtWarningMsg);
-    QCOMPARE(MessageCapture::messages.last().category, QStringLiteral("QGuiLog"));
-    QCOMPARE(MessageCapture::messages.last().text,
-             QStringLiteral("Ошибка при записи настроек JSON"));
+    QCOMPARE(logged.first(), DebugReadError + QStringLiteral("QBuffer \nillegal value в строке 1"));
+    QCOMPARE(logged.last(),
+             QStringLiteral("QGuiLog/%1: Ошибка при записи настроек JSON").arg(QtWarningMsg));
 
     // A key nested too deeply for any reader is refused rather than written.
     QBuffer out;
@@ -335,28 +300,21 @@ void tst_Settings::mapSettingsKeepApart()
     // Only the three live objects hold anything in the shared store.
     QSettings store(QString(), QtJsonSettings::mapFormat());
     QCOMPARE(store.childGroups().size(), 3);
-}
 
-void tst_Settings::mapSettingsGroups()
-{
-    MapSettings map;
-    const QString base = QStringLiteral("0x%1").arg(quintptr(&map), 16, 16, QLatin1Char('0'));
-    QCOMPARE(map.group(), base);
-    map.beginGroup("a");
-    map.beginGroup("b");
-    map.setValue("x", 1);
-    map.endAllGroups();
-    QCOMPARE(map.group(), base);
-    map.endAllGroups();
-    QCOMPARE(map.group(), base);
-    QCOMPARE(map.allKeys(), QStringList { "a/b/x" });
-    QCOMPARE(map.asSetRef().getQSettings(), &map);
-    QCOMPARE(map.asSetRef().value("a/b/x"), QVariant(1));
-
-    map.beginGroup("a");
-    map.clear();
-    QCOMPARE(map.group(), base);
-    QVERIFY(map.allKeys().isEmpty());
+    const QString base = QStringLiteral("0x%1").arg(quintptr(&a), 16, 16, QLatin1Char('0'));
+    QCOMPARE(a.group(), base);
+    a.beginGroup("g");
+    a.beginGroup("h");
+    a.setValue("x", 1);
+    a.endAllGroups();
+    a.endAllGroups();
+    QCOMPARE(a.group(), base);
+    QVERIFY(a.allKeys().contains("g/h/x"));
+    QCOMPARE(a.asSetRef().getQSettings(), &a);
+    a.beginGroup("g");
+    a.clear();
+    QCOMPARE(a.group(), base);
+    QVERIFY(a.allKeys().isEmpty());
 }
 
 void tst_Settings::mapSettingsStoreAndRestore()
@@ -397,6 +355,11 @@ void tst_Settings::mapSettingsNeverTouchDisk()
     QVERIFY(empty.isValid());
     const QString previous = QDir::currentPath();
     QVERIFY(QDir::setCurrent(empty.path()));
+    // Nothing in this process registers a format before the library, so
+    // "json" and "map" take the first two custom slots; MapSettings does not
+    // depend on that.
+    QCOMPARE(int(QtJsonSettings::JsonFormat), int(QSettings::CustomFormat1));
+    QCOMPARE(int(QtJsonSettings::mapFormat()), 18);
     {
         MapSettings map;
         map.setValue("a", 1);
@@ -426,9 +389,6 @@ void tst_Settings::settingsOwnership()
         owned = settings.getQSettings();
         const Settings copy = settings;
         settings.setValue("x", 5);
-        copy.beginGroup("g"); // a const handle moves through groups of the shared object
-        QCOMPARE(settings.group(), QStringLiteral("g"));
-        copy.endGroup();
     }
     QVERIFY(owned.isNull());
     QCOMPARE(QSettings(path, QtJsonSettings::JsonFormat).value("x"), QVariant(5));
@@ -436,9 +396,7 @@ void tst_Settings::settingsOwnership()
     auto *borrowed = new QSettings(path, QtJsonSettings::JsonFormat);
     const QPointer<QSettings> watch(borrowed);
     Settings handle(borrowed);
-    {
-        Settings(borrowed).setValue("y", 1);
-    }
+    Settings(handle).setValue("y", 1); // a copy goes away without deleting the object
     QVERIFY(!watch.isNull());
     delete borrowed;
     QVERIFY(handle.isNull());
