@@ -11,10 +11,15 @@
 #include <database/field.h>
 #include <database/fieldtype.h>
 #include <database/index.h>
+#include <database/indexdepend.h>
 #include <database/record.h>
 #include <database/settings/mapsettings.h>
 #include <database/settings/qtjsonsettings.h>
 #include <database/settings/settings.h>
 #include <database/table.h>
+#include <database/tablerebuilder.h>
+
+// Installed beside this header; in the source tree it is found on the include path.
+#include "deflatedevice.h"
 
 #endif // DATABASE_DATABASE_H

@@ -6,6 +6,7 @@
 #include "database/record.h"
 
 #include <QDebug>
+#include <QThread>
 
 #include <cstring>
 
@@ -397,9 +398,164 @@ QString Table::indexName(Index *index) const
     return QString();
 }
 
+// --- the main index hook ------------------------------------------------------------
+
+void Table::setMainIndex(Index *index)
+{
+    d->main = index;
+}
+
+void Table::testingSetMainIndex(Index *index)
+{
+    if (d->master) {
+        qWarning("Table::testingSetMainIndex: table '%s' has a master index", qPrintable(d->name));
+        return;
+    }
+    setMainIndex(index);
+}
+
+// --- change brackets -------------------------------------------------------------------
+
 int Table::updateDepth() const
 {
     return d->updateDepth.loadAcquire();
+}
+
+void Table::beginUpdate()
+{
+    if (d->updateDepth.fetchAndAddOrdered(1) >= 1)
+        return;
+
+    const QList<Index *> dependents = d->dependents;
+    for (Index *index : dependents)
+        index->dependentBeginUpdate(this);
+
+    lock();
+    if (d->bracketLocks++ == 0)
+        d->bracketOwner.store(QThread::currentThreadId());
+
+    if (d->main)
+        d->main->beginUpdate();
+    const QList<Index *> indexes = d->indexes;
+    for (Index *index : indexes)
+        index->beginUpdate();
+}
+
+void Table::endUpdate()
+{
+    int before = d->updateDepth.loadAcquire();
+    while (!d->updateDepth.testAndSetOrdered(before, before - 1))
+        before = d->updateDepth.loadAcquire();
+    if (before >= 2)
+        return;
+
+    // A bracket of this thread took the lock exactly when this thread is the
+    // recorded owner; anything else is an endUpdate() without its beginUpdate().
+    const bool ownsBracketLock = d->bracketOwner.load() == QThread::currentThreadId();
+    if (before <= 0 || !ownsBracketLock)
+        qWarning("Table::endUpdate: no update bracket is open on table '%s'", qPrintable(d->name));
+
+    if (d->main)
+        d->main->endUpdate();
+    const QList<Index *> indexes = d->indexes;
+    for (Index *index : indexes)
+        index->endUpdate();
+
+    if (ownsBracketLock) {
+        if (--d->bracketLocks == 0)
+            d->bracketOwner.store(nullptr);
+        unlock();
+    }
+
+    const QList<Index *> dependents = d->dependents;
+    for (Index *index : dependents)
+        index->dependentEndUpdate(this);
+}
+
+// --- notifications -----------------------------------------------------------------------
+
+void Table::appendRow(unsigned char *row)
+{
+    const Record record(row);
+    if (d->main)
+        d->main->add(record);
+    const QList<Index *> indexes = d->indexes;
+    for (Index *index : indexes)
+        index->add(record);
+}
+
+void Table::appendList(const QList<Record> &records)
+{
+    QList<Record> updated;
+    process(QList<Record>(), updated, -1, -1, records, QList<Record>());
+}
+
+bool Table::remove(const Record &record, int position)
+{
+    // `record` may be a handle inside one of the indexes: hold the row until
+    // every index has let go of it.
+    const Record keep(record);
+    const QList<Index *> indexes = d->indexes;
+    for (Index *index : indexes)
+        index->remove(keep, -1);
+    return d->main ? d->main->remove(keep, position) : false;
+}
+
+void Table::updated(const Record &record, int a, int b, int c)
+{
+    // An update may take the record out of an index and put it back, and
+    // `record` may be a handle inside that index: hold the row meanwhile.
+    const Record keep(record);
+    if (d->main)
+        d->main->update(keep, a, b, c);
+    const QList<Index *> indexes = d->indexes;
+    for (Index *index : indexes)
+        index->update(keep, a, b, -1);
+}
+
+QVector<int> Table::buildKeeper(const Record &record) const
+{
+    QVector<int> keeper;
+    keeper.reserve(1 + d->indexes.size());
+    keeper.append(d->main ? d->main->indexOf(record) : -1);
+    for (const Index *index : qAsConst(d->indexes))
+        keeper.append(index->indexOf(record));
+    return keeper;
+}
+
+void Table::updated(const Record &record, const QVector<int> &keeper, int a, int b)
+{
+    const QList<Index *> indexes = d->indexes;
+    QVector<int> positions = keeper;
+    if (positions.size() != 1 + indexes.size()) {
+        qWarning("Table::updated: the keeper of %d positions does not match the %d indexes of "
+                 "table '%s'",
+                 int(keeper.size()), int(1 + indexes.size()), qPrintable(d->name));
+        positions.fill(-1, 1 + indexes.size());
+    }
+    const Record keep(record);
+    if (d->main)
+        d->main->update(keep, a, b, positions.at(0));
+    for (int i = 0; i < indexes.size(); ++i)
+        indexes.at(i)->update(keep, a, b, positions.at(i + 1));
+}
+
+void Table::process(const QList<Record> &removed, QList<Record> &updated, int first, int last,
+                    const QList<Record> &inserted, const QList<Record> &changed)
+{
+    const QList<Index *> preprocessed = d->indexes;
+    for (Index *index : preprocessed)
+        index->preprocess(removed, updated, first, last, inserted, changed);
+
+    const int copies = qMin(updated.size(), changed.size());
+    for (int i = 0; i < copies; ++i)
+        updated[i].copy(changed.at(i), first, last);
+
+    if (d->main)
+        d->main->process(removed, updated, first, last, inserted);
+    const QList<Index *> indexes = d->indexes;
+    for (Index *index : indexes)
+        index->process(removed, updated, first, last, inserted);
 }
 
 void Table::build()
@@ -407,4 +563,15 @@ void Table::build()
     const QList<Index *> indexes = d->indexes;
     for (Index *index : indexes)
         index->build();
+}
+
+void Table::clear()
+{
+    beginUpdate();
+    const QList<Index *> indexes = d->indexes;
+    for (Index *index : indexes)
+        index->clear();
+    if (d->main)
+        d->main->clear();
+    endUpdate();
 }

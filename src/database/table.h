@@ -36,11 +36,46 @@ class TablePrivate;
 //     nor the indexes of its index list.
 //  4. Additions and updates reach the main index first, removals reach it last,
 //     so the main index holds a row as long as any other index may refer to it.
+//  5. The main index never stands in the index list; it is notified on its own,
+//     at the places stated below. Without a main index those steps are skipped.
+//  6. updateDepth() counts the open change brackets: 0 outside any bracket.
+//
+// Change brackets:
+//
+//      depth 0 --beginUpdate--> depth 1 --beginUpdate--> depth 2 ...
+//         ^   (notifies, locks)    |   (counts only)        |
+//         |                        |                        |
+//         +-----endUpdate----------+<------endUpdate--------+
+//           (notifies, unlocks)          (counts only)
+//
+//   Only the outermost pair notifies. beginUpdate(): the dependent indexes
+//   (dependentBeginUpdate(this)), then the table's lock, then the main index and
+//   the index list (beginUpdate()). endUpdate() mirrors it: the main index and
+//   the index list (endUpdate()), the lock released, then the dependent indexes
+//   (dependentEndUpdate(this)).
+//   An unbalanced endUpdate() (depth already 0) warns, still notifies the main
+//   index, the index list and the dependent indexes, and leaves the depth at -1,
+//   so the table stays off by one until a spare beginUpdate(): callers must pair
+//   the calls. It never releases a lock that no bracket of the calling thread
+//   took (unlocking a mutex one does not hold is undefined).
+//
+// Notification order of the changes (every list is copied before it is walked,
+// so an index may register or unregister indexes from inside a notification;
+// an index added during a walk is first told of the next change):
+//   appendRow    main add, then each listed index add
+//   appendList   each listed index preprocess, main process, each listed process
+//   process      each listed index preprocess, the copy of changed into updated,
+//                main process, each listed index process
+//   updated      main update(c), then each listed index update(-1)
+//   remove       each listed index remove(-1), then main remove(position)
+//   clear        each listed index clear(), then main clear(), in a bracket
+//   build        each listed index build(); the main index is not built
+// The dependent indexes of other tables learn of changes only through the
+// brackets.
 //
 // Threads: a table is changed on one thread at a time, under its recursive lock
-// (lock()/unlock(), also taken by the outermost beginUpdate()). Lists of indexes
-// are copied before they are walked, so an index may register or unregister
-// indexes from inside a notification.
+// (lock()/unlock(), also taken by the outermost beginUpdate()). The update depth
+// is atomic, so a nested bracket of the holding thread costs one increment.
 //
 // Errors of definitions (addColumn) are thrown as a bare QString before anything
 // changes.
@@ -129,20 +164,54 @@ public:
     void setIndexName(const QString &name, Index *index);
     QString indexName(Index *index) const;
 
-    // --- changes (see table.cpp for the notification order) ---
+    // --- changes (the notification order is in the class comment) ---
     void beginUpdate();
     void endUpdate();
+    // The number of open change brackets (-1 after an unbalanced endUpdate()).
     int updateDepth() const;
+    // Wraps a block of allocRow() in a Record and hands it to the indexes; a
+    // row that no index kept is freed on return. REQUIRES: `row` is a block of
+    // this table with reference count 0.
     void appendRow(unsigned char *row);
+    // The batch form of appendRow(): process() with `records` as the inserted
+    // list, the other lists empty and the column range -1..-1.
     void appendList(const QList<Record> &records);
+    // Tells the listed indexes (position unknown) and then the main index (at
+    // `position`, -1 when unknown). Returns the main index's answer, false
+    // without a main index.
     bool remove(const Record &record, int position = -1);
+    // `record`'s cells changed; a and b describe the change and pass through
+    // to update(). `c` is the record's position in the main index (-1 when
+    // unknown); the listed indexes always get -1.
     void updated(const Record &record, int a, int b, int c);
-    void updated(const Record &record, const QVector<int> &keeper, int a, int b);
+    // The positions of `record` in the main index and in each listed index,
+    // in that order (-1 where absent or unknown). Taken before the record's
+    // cells change, it lets updated(record, keeper, a, b) spare every index
+    // the search for the record's old place.
     QVector<int> buildKeeper(const Record &record) const;
+    // As updated(record, a, b, c) but each index, the main index first, gets
+    // its position from `keeper`. REQUIRES: `keeper` comes from buildKeeper()
+    // for this record, and neither the registry nor any index's content
+    // changed in between. A keeper whose size does not match the registry
+    // warns and falls back to unknown positions (-1) for every index.
+    void updated(const Record &record, const QVector<int> &keeper, int a, int b);
+    // The batch entry of transactions. `changed[i]` is the working copy of
+    // `updated[i]`: after preprocessing, columns first..last (-1: first/last
+    // column) of each changed[i] are copied into updated[i] (for i below both
+    // counts), so the rows the indexes hold take the new content; then the
+    // main index and the listed indexes process the batch.
     void process(const QList<Record> &removed, QList<Record> &updated, int first, int last,
                  const QList<Record> &inserted, const QList<Record> &changed);
+    // Builds every listed index; the main index is the source and is left alone.
     void build();
+    // Empties every index: the listed ones, then the main index (the last
+    // holder of the rows), inside one change bracket.
     void clear();
+
+    // Test hook: installs `index` as the main index without ownership and
+    // without a master index (masterIndex() stays null). Null removes it.
+    // REQUIRES: no master index is installed; `index` outlives its use here.
+    void testingSetMainIndex(Index *index);
 
 Q_SIGNALS:
     void indexAdded(Index *index);
@@ -152,6 +221,12 @@ Q_SIGNALS:
     void dependentIndexRemoved(Index *index);
 
 private:
+    friend class TableIndexRebuilder;
+
+    // The index through which rows are notified as the main index; the master
+    // index installs itself here (setMasterIndex), the test hook likewise.
+    void setMainIndex(Index *index);
+
     // Every row of the main index in index order, the main index left empty.
     QList<Record> takeMainRows();
     // Adds the rows back to the main index, in order.

@@ -10,12 +10,17 @@
 #include <QMap>
 #include <QRecursiveMutex>
 
+#include <atomic>
+
 class TablePrivate
 {
 public:
     QString name;
     QString title;
+    // The master index (owned) and the same object seen as the Index that is
+    // notified; `main` may also be a test double with `master` null.
     MasterIndex *master = nullptr;
+    Index *main = nullptr;
     QList<Index *> indexes;
     QMap<QString, Index *> names;
     QList<Index *> dependents;
@@ -26,6 +31,10 @@ public:
     QHash<QString, int> cacheColumn;
     mutable QRecursiveMutex mutex;
     QAtomicInt updateDepth;
+    // Locks taken by outermost brackets and not yet released, and the thread
+    // that holds them. Written only by that thread, under the lock.
+    int bracketLocks = 0;
+    std::atomic<Qt::HANDLE> bracketOwner { nullptr };
 };
 
 #endif // DATABASE_TABLE_P_H
