@@ -260,7 +260,7 @@ void tst_Settings::deviceErrors()
     // A key nested too deeply for any reader is refused rather than written.
     QBuffer out;
     out.open(QIODevice::WriteOnly);
-    const QString deepKey = QString("k/").repeated(QtJsonSettings::MaxKeyDepth) + "k";
+    const QString deepKey = QString("k/").repeated(QtJsonSettings::MaxDepth) + "k";
     QVERIFY(!QtJsonSettings::writeJsonFile(out, { { deepKey, 1 } }));
     QVERIFY(out.data().isEmpty());
 }

@@ -227,7 +227,8 @@ bool processWriteList(WriteNode &node, const QString &key, const QVariant &value
     return true;
 }
 
-// Inserts one settings key; false when the key nests deeper than MaxKeyDepth.
+// Inserts one settings key; false when the key alone nests deeper than
+// MaxDepth.
 bool processWriteKey(WriteNode &root, const QString &key, const QVariant &value)
 {
     WriteNode *node = &root;
@@ -238,7 +239,7 @@ bool processWriteKey(WriteNode &root, const QString &key, const QVariant &value)
         const int slash = key.indexOf(QLatin1Char('/'), start);
         if (slash < 0)
             break;
-        if (++depth > QtJsonSettings::MaxKeyDepth)
+        if (++depth > QtJsonSettings::MaxDepth)
             return false;
         node = &node->members[key.mid(start, slash - start)];
         start = slash + 1;
@@ -254,61 +255,78 @@ bool processWriteKey(WriteNode &root, const QString &key, const QVariant &value)
 
 constexpr qint64 MaxExactJsonInteger = qint64(1) << 53;
 
-QJsonValue jsonValue(const QVariant &value)
+// Converts the tree to QtCore's JSON values, refusing (tooDeep) to nest
+// containers deeper than QtCore's parser would read back.
+class JsonBuilder
 {
-    switch (value.userType()) {
-    case QMetaType::QVariantMap: {
-        const QVariantMap map = value.toMap();
-        QJsonObject object;
-        for (auto it = map.constBegin(); it != map.constEnd(); ++it)
-            object.insert(it.key(), jsonValue(it.value()));
-        return object;
-    }
-    case QMetaType::QVariantList: {
-        QJsonArray array;
-        for (const QVariant &element : value.toList())
-            array.append(jsonValue(element));
-        return array;
-    }
-    case QMetaType::LongLong: {
-        const qlonglong n = value.toLongLong();
-        if (n > MaxExactJsonInteger || n < -MaxExactJsonInteger)
-            return QString::number(n);
-        return QJsonValue(qint64(n));
-    }
-    case QMetaType::ULongLong: {
-        const qulonglong n = value.toULongLong();
-        if (n > qulonglong(MaxExactJsonInteger))
-            return QString::number(n);
-        return QJsonValue(qint64(n));
-    }
-    default:
-        return QJsonValue::fromVariant(value);
-    }
-}
+public:
+    bool tooDeep = false;
 
-QJsonValue jsonValue(const WriteNode &node)
-{
-    switch (node.kind) {
-    case WriteNode::Kind::Object: {
+    QJsonValue value(const WriteNode &node, int depth)
+    {
+        if (node.kind == WriteNode::Kind::Leaf)
+            return value(node.leaf, depth);
+        if (node.kind == WriteNode::Kind::Invalid || !enter(depth))
+            return QJsonValue(QJsonValue::Null);
+        if (node.kind == WriteNode::Kind::Array) {
+            QJsonArray array;
+            for (const WriteNode &element : node.elements)
+                array.append(value(element, depth + 1));
+            return array;
+        }
         QJsonObject object;
         for (const auto &member : node.members)
-            object.insert(member.first, jsonValue(member.second));
+            object.insert(member.first, value(member.second, depth + 1));
         return object;
     }
-    case WriteNode::Kind::Array: {
-        QJsonArray array;
-        for (const WriteNode &element : node.elements)
-            array.append(jsonValue(element));
-        return array;
+
+    QJsonValue value(const QVariant &leaf, int depth)
+    {
+        switch (leaf.userType()) {
+        case QMetaType::QVariantMap:
+        case QMetaType::QVariantHash: {
+            if (!enter(depth))
+                return QJsonValue(QJsonValue::Null);
+            const QVariantMap map = leaf.toMap();
+            QJsonObject object;
+            for (auto it = map.constBegin(); it != map.constEnd(); ++it)
+                object.insert(it.key(), value(it.value(), depth + 1));
+            return object;
+        }
+        case QMetaType::QVariantList:
+        case QMetaType::QStringList: {
+            if (!enter(depth))
+                return QJsonValue(QJsonValue::Null);
+            QJsonArray array;
+            for (const QVariant &element : leaf.toList())
+                array.append(value(element, depth + 1));
+            return array;
+        }
+        case QMetaType::LongLong: {
+            const qlonglong n = leaf.toLongLong();
+            if (n > MaxExactJsonInteger || n < -MaxExactJsonInteger)
+                return QString::number(n);
+            return QJsonValue(qint64(n));
+        }
+        case QMetaType::ULongLong: {
+            const qulonglong n = leaf.toULongLong();
+            if (n > qulonglong(MaxExactJsonInteger))
+                return QString::number(n);
+            return QJsonValue(qint64(n));
+        }
+        default:
+            return QJsonValue::fromVariant(leaf);
+        }
     }
-    case WriteNode::Kind::Leaf:
-        return jsonValue(node.leaf);
-    case WriteNode::Kind::Invalid:
-        break;
+
+private:
+    bool enter(int depth)
+    {
+        if (depth > QtJsonSettings::MaxDepth)
+            tooDeep = true;
+        return !tooDeep;
     }
-    return QJsonValue(QJsonValue::Null);
-}
+};
 
 // --- registration -----------------------------------------------------------------
 
@@ -387,11 +405,20 @@ bool QtJsonSettings::writeJsonFile(QIODevice &device, const SettingsMap &map)
         if (!ok)
             qCWarning(QGuiLog).noquote()
                 << QStringLiteral("QtJsonSettings: key nests deeper than %1 levels: %2")
-                       .arg(MaxKeyDepth)
+                       .arg(MaxDepth)
                        .arg(it.key().left(80));
     }
+    JsonBuilder builder;
+    QJsonValue json;
     if (ok) {
-        const QJsonValue json = jsonValue(root);
+        json = builder.value(root, 1);
+        if (builder.tooDeep) {
+            qCWarning(QGuiLog) << "QtJsonSettings: settings nest deeper than" << MaxDepth
+                               << "levels";
+            ok = false;
+        }
+    }
+    if (ok) {
         const QJsonDocument document
             = json.isArray() ? QJsonDocument(json.toArray()) : QJsonDocument(json.toObject());
         const QByteArray bytes = document.toJson(QJsonDocument::Indented);

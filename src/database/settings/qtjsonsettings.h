@@ -69,9 +69,10 @@ public:
     // Settings files larger than this are refused unread, so a stray huge
     // file cannot exhaust memory.
     static constexpr qint64 MaxFileSize = 64 * 1024 * 1024;
-    // Keys nested deeper than this are refused on writing: QtCore's parser
-    // would refuse to read the result.
-    static constexpr int MaxKeyDepth = 1024;
+    // Settings that would nest JSON objects and arrays deeper than this (the
+    // limit of QtCore's parser) are refused on writing, since the file could
+    // not be read back; a failed write leaves the old file in place.
+    static constexpr int MaxDepth = 1024;
 
     static bool readJsonFile(QIODevice &device, SettingsMap &map);
     static bool writeJsonFile(QIODevice &device, const SettingsMap &map);
