@@ -7,17 +7,23 @@
 
 #include <database/checksum.h>
 #include <database/columndef.h>
+#include <database/concurrentsort.h>
 #include <database/exception.h>
 #include <database/field.h>
 #include <database/fieldtype.h>
 #include <database/index.h>
 #include <database/indexdepend.h>
+#include <database/logfile.h>
+#include <database/partitionlist.h>
+#include <database/rangeset.h>
 #include <database/record.h>
+#include <database/runnable.h>
 #include <database/settings/mapsettings.h>
 #include <database/settings/qtjsonsettings.h>
 #include <database/settings/settings.h>
 #include <database/table.h>
 #include <database/tablerebuilder.h>
+#include <database/volat.h>
 
 // Installed beside this header; in the source tree it is found on the include path.
 #include "deflatedevice.h"
