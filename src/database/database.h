@@ -8,6 +8,8 @@
 #include <database/checksum.h>
 #include <database/columndef.h>
 #include <database/concurrentsort.h>
+#include <database/datetime.h>
+#include <database/decimal.h>
 #include <database/exception.h>
 #include <database/field.h>
 #include <database/fieldtype.h>
@@ -18,6 +20,9 @@
 #include <database/rangeset.h>
 #include <database/record.h>
 #include <database/runnable.h>
+#include <database/settings/mapsettings.h>
+#include <database/settings/qtjsonsettings.h>
+#include <database/settings/settings.h>
 #include <database/table.h>
 #include <database/tablerebuilder.h>
 #include <database/volat.h>
