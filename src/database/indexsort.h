@@ -36,6 +36,12 @@ class IndexSortPrivate;
 // move it, even where an equal neighbour arrived later; a batch (process())
 // always re-enters its updated rows after their equal keys.
 //
+// Batches (process()) take their rows out by ranges and merge the entering
+// rows in runs, so each part moves once per run. The positions of the leaving
+// rows are noted by preprocess(), which the table calls before it copies the
+// batch's new cells into the rows; without it (or when the index changed in
+// between) they are searched for, rows whose keys moved by one shared scan.
+//
 // build() takes every master-index row that passes filter() under the table's
 // lock, appends them and stable-sorts once: the order that adding them one by
 // one would give, at the cost of one sort instead of a binary insertion each.
