@@ -16,8 +16,10 @@
 #include <database/partitionlist.h>
 #include <database/rangeset.h>
 #include <database/record.h>
+#include <database/recordstrans.h>
 #include <database/table.h>
 #include <database/tablerebuilder.h>
+#include <database/undo.h>
 
 // Installed beside this header; in the source tree it is found on the include path.
 #include "deflatedevice.h"
