@@ -435,7 +435,8 @@ RecordUpdater &RecordUpdater::setNull(int column)
     if (!field.isValid())
         return *this;
     if (!field.def->nullable) {
-        qWarning("RecordUpdater::setNull: column '%s' is not nullable", qPrintable(field.def->name));
+        qWarning("RecordUpdater::setNull: column '%s' is not nullable",
+                 qPrintable(field.def->name));
         return *this;
     }
     field.setPresent(false);
