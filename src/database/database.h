@@ -8,18 +8,23 @@
 #include <database/checksum.h>
 #include <database/columndef.h>
 #include <database/concurrentsort.h>
+#include <database/datetime.h>
+#include <database/decimal.h>
 #include <database/exception.h>
 #include <database/field.h>
 #include <database/fieldtype.h>
 #include <database/index.h>
 #include <database/indexdepend.h>
+#include <database/logfile.h>
 #include <database/partitionlist.h>
 #include <database/rangeset.h>
 #include <database/record.h>
 #include <database/recordstrans.h>
+#include <database/runnable.h>
 #include <database/table.h>
 #include <database/tablerebuilder.h>
 #include <database/undo.h>
+#include <database/volat.h>
 
 // Installed beside this header; in the source tree it is found on the include path.
 #include "deflatedevice.h"
