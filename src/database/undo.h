@@ -40,7 +40,11 @@ class Table;
 //  - Insert::redo and Delete::undo append a fresh clone each time: the stored
 //    record never enters the table. The transaction children, by contrast,
 //    register their own stored record as the new row when its key is missing,
-//    and a TransUpdate edits it in place from then on.
+//    so later edits of that row are edits of the command's record. Should the
+//    row be replaced by a clone meanwhile (Delete::undo, Clear::undo), the
+//    edits undone on the clone stay in the record, and a later replay of the
+//    child brings them back: keep direct commands and transaction children of
+//    one row apart.
 //  - Insert::undo after the row's key was changed elsewhere removes nothing.
 //  - Clear's saved rows are taken by redo() and handed back (and forgotten) by
 //    undo(): a second undo() without a redo() between restores nothing. Rows
