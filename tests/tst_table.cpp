@@ -19,8 +19,8 @@ int idOf(const Record &record)
 }
 
 // A test double that holds the rows it is given and logs every call it
-// receives, as "name.call(arguments)", into a log shared by all the indexes of
-// a test.
+// receives as "name.call(arguments)" into a space-separated log shared by all
+// the indexes of a test.
 class RecordingIndex : public Index
 {
 public:
