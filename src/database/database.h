@@ -9,11 +9,13 @@
 #include <database/columndef.h>
 #include <database/exception.h>
 #include <database/field.h>
+#include <database/fielddefconvertor.h>
 #include <database/fieldtype.h>
 #include <database/index.h>
 #include <database/indexdepend.h>
 #include <database/record.h>
 #include <database/table.h>
+#include <database/tableio.h>
 #include <database/tablerebuilder.h>
 
 // Installed beside this header; in the source tree it is found on the include path.
