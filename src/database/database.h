@@ -7,12 +7,15 @@
 
 #include <database/checksum.h>
 #include <database/columndef.h>
+#include <database/concurrentsort.h>
 #include <database/exception.h>
 #include <database/field.h>
 #include <database/fielddefconvertor.h>
 #include <database/fieldtype.h>
 #include <database/index.h>
 #include <database/indexdepend.h>
+#include <database/partitionlist.h>
+#include <database/rangeset.h>
 #include <database/record.h>
 #include <database/table.h>
 #include <database/tableio.h>

@@ -503,11 +503,14 @@ bool Table::remove(const Record &record, int position)
 
 void Table::updated(const Record &record, int a, int b, int c)
 {
+    // An update may take the record out of an index and put it back, and
+    // `record` may be a handle inside that index: hold the row meanwhile.
+    const Record keep(record);
     if (d->main)
-        d->main->update(record, a, b, c);
+        d->main->update(keep, a, b, c);
     const QList<Index *> indexes = d->indexes;
     for (Index *index : indexes)
-        index->update(record, a, b, -1);
+        index->update(keep, a, b, -1);
 }
 
 QVector<int> Table::buildKeeper(const Record &record) const
@@ -530,10 +533,11 @@ void Table::updated(const Record &record, const QVector<int> &keeper, int a, int
                  int(keeper.size()), int(1 + indexes.size()), qPrintable(d->name));
         positions.fill(-1, 1 + indexes.size());
     }
+    const Record keep(record);
     if (d->main)
-        d->main->update(record, a, b, positions.at(0));
+        d->main->update(keep, a, b, positions.at(0));
     for (int i = 0; i < indexes.size(); ++i)
-        indexes.at(i)->update(record, a, b, positions.at(i + 1));
+        indexes.at(i)->update(keep, a, b, positions.at(i + 1));
 }
 
 void Table::process(const QList<Record> &removed, QList<Record> &updated, int first, int last,
