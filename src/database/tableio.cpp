@@ -25,11 +25,6 @@ namespace {
 // read with a 16-bit counter, so longer ones cannot exist in a working table.
 const int kMaxStringLength = 32767;
 
-int roundUp8(qint64 size)
-{
-    return int((size + 7) & ~qint64(7));
-}
-
 int flagBytesFor(int columnCount)
 {
     return (columnCount + 7) / 8;
@@ -321,8 +316,7 @@ bool TableIO::checkHeader(const TableHeader &header)
         return d->fail(QStringLiteral("Table %1: not a table file (magic 0x%2).")
                            .arg(table)
                            .arg(quint32(header.magic), 8, 16, QLatin1Char('0')));
-    if (header.columnCount != header.columns.size() || header.rowCount < 0
-        || header.rowLength < 0)
+    if (header.columnCount != header.columns.size() || header.rowCount < 0 || header.rowLength < 0)
         return d->fail(QStringLiteral("Table %1: inconsistent counts in the header.").arg(table));
     qint64 rowLength = 0;
     for (const TableColumnDef &column : header.columns) {
@@ -352,7 +346,8 @@ bool TableIO::checkHeader(const TableHeader &header)
     return true;
 }
 
-// --- saving ---------------------------------------------------------------------------------------
+// --- saving
+// ---------------------------------------------------------------------------------------
 
 bool TableIO::writeRows(FilterProgress &progress, const TableHeader &header, QDataStream &stream)
 {
@@ -445,7 +440,8 @@ bool TableIO::write(const QDir &dir)
     return write(progress, dir, true);
 }
 
-// --- loading ------------------------------------------------------------------------------------------
+// --- loading
+// ------------------------------------------------------------------------------------------
 
 bool TableIO::read(FilterProgress &progress, QDataStream &stream, bool addColumns,
                    const Convertors &convertors)
@@ -608,7 +604,8 @@ bool TableIO::read(const QDir &dir, bool addColumns)
     return read(progress, dir, addColumns);
 }
 
-// --- row lists ------------------------------------------------------------------------------------------
+// --- row lists
+// ------------------------------------------------------------------------------------------
 
 bool TableIO::writeRowList(FilterProgress &progress, QDataStream &stream,
                            const PartitionList<Record> &records)
@@ -644,7 +641,8 @@ bool TableIO::writeRowList(FilterProgress &progress, QDataStream &stream,
             progress(i, header.rowCount);
     }
     if (!streamOk(stream))
-        return d->fail(QStringLiteral("writing the row list of table %1 failed").arg(table->name()));
+        return d->fail(
+            QStringLiteral("writing the row list of table %1 failed").arg(table->name()));
     return true;
 }
 
@@ -669,13 +667,14 @@ bool TableIO::readRowList(FilterProgress &progress, QDataStream &stream,
     const Table *table = ICore::instance()->findTable(name);
     if (!table) {
         if (!skipBytes(stream, bytes))
-            return d->fail(QStringLiteral("row list of the unknown table %1 is truncated").arg(name));
+            return d->fail(
+                QStringLiteral("row list of the unknown table %1 is truncated").arg(name));
         return true;
     }
     if (!sameLayout(table, header)) {
         skipBytes(stream, bytes);
-        return d->fail(QStringLiteral("row list of table %1 does not have the table's layout")
-                           .arg(name));
+        return d->fail(
+            QStringLiteral("row list of table %1 does not have the table's layout").arg(name));
     }
     const int rowCount = table->columnCount() == 0 ? 0 : header.rowCount;
     const bool report = !FilterProgressTrue::isDefault(progress);
@@ -699,7 +698,8 @@ bool TableIO::readRowList(FilterProgress &progress, QDataStream &stream,
     return true;
 }
 
-// --- conversions -----------------------------------------------------------------------------------------
+// --- conversions
+// -----------------------------------------------------------------------------------------
 
 void TableIO::make_fromDefs(QList<FieldDefConvertor *> &list, const Table *scratch,
                             const Convertors &convertors)
@@ -761,7 +761,8 @@ void TableIO::convertDefs(const QList<FieldDefConvertor *> &list, unsigned char 
     }
 }
 
-// --- memory ---------------------------------------------------------------------------------------------------
+// --- memory
+// ---------------------------------------------------------------------------------------------------
 
 qint64 TableIO::memoryUsage(const Table *table)
 {

@@ -208,8 +208,7 @@ public:
     // does not know is skipped whole (true, nothing appended), so that a
     // following list on the stream reads; so is, with false, one whose layout
     // differs from the table's. An empty name is an empty list (true).
-    bool readRowList(FilterProgress &progress, QDataStream &stream,
-                     PartitionList<Record> &records);
+    bool readRowList(FilterProgress &progress, QDataStream &stream, PartitionList<Record> &records);
 
     // --- conversions ---
     // One convertor per column of this table that has a source in `scratch`
