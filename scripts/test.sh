@@ -35,7 +35,7 @@ if [ -f fuzz/CMakeLists.txt ]; then
         -DDATABASE_BUILD_FUZZ=ON -DDATABASE_BUILD_TESTS=OFF -DDATABASE_BUILD_TOOLS=OFF >/dev/null
     cmake --build build/fuzz -j"$jobs"
     for target in build/fuzz/fuzz/fuzz_*; do
-        [ -x "$target" ] || continue
+        [ -f "$target" ] && [ -x "$target" ] || continue
         name=$(basename "$target")
         corpus=fuzz/corpus/${name#fuzz_}
         work=$(mktemp -d)

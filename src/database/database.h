@@ -14,12 +14,15 @@
 #include <database/fieldtype.h>
 #include <database/index.h>
 #include <database/indexdepend.h>
+#include <database/logfile.h>
 #include <database/partitionlist.h>
 #include <database/rangeset.h>
 #include <database/record.h>
+#include <database/runnable.h>
 #include <database/table.h>
 #include <database/tableio.h>
 #include <database/tablerebuilder.h>
+#include <database/volat.h>
 
 // Installed beside this header; in the source tree it is found on the include path.
 #include "deflatedevice.h"
