@@ -8,6 +8,8 @@
 #include <database/checksum.h>
 #include <database/columndef.h>
 #include <database/concurrentsort.h>
+#include <database/datetime.h>
+#include <database/decimal.h>
 #include <database/exception.h>
 #include <database/field.h>
 #include <database/fielddefconvertor.h>
