@@ -14,6 +14,8 @@
 #include <QFile>
 #include <QSaveFile>
 
+#include <cstring>
+
 #include <limits>
 #include <memory>
 #include <new>
@@ -24,6 +26,10 @@ namespace {
 // The longest VarChar a file may declare, in UTF-16 units: string cells are
 // read with a 16-bit counter, so longer ones cannot exist in a working table.
 const int kMaxStringLength = 32767;
+// The longest stored row a file may declare: well beyond any real table, and
+// small enough that no count in a header can make a load allocate without
+// bound or overflow a row's size.
+const qint64 kMaxRowLength = 16 << 20;
 
 int flagBytesFor(int columnCount)
 {
@@ -89,27 +95,128 @@ struct TableLock
     const Table *table;
 };
 
-// Reads one stored row into `row` with the columns' placement in memory.
-// Returns false when the data ends first.
-bool readStoredRow(QDataStream &stream, const QList<TableColumnDef *> &columns, int rowLength,
-                   int flagBytes, unsigned char *row)
+// Stored rows are moved through a buffer of about this many bytes, so that a
+// stream sees one read or write per block of rows rather than one per cell.
+const int kBlockBytes = 1 << 16;
+
+// Hands out the stored rows of one row section, read from the stream a block
+// at a time. It never reads past the section's `rows` rows, so that whatever
+// follows the section on the stream (another row list) stays unread.
+class StoredRowReader
+{
+public:
+    StoredRowReader(QDataStream &stream, int storedSize, qint64 rows)
+        : m_stream(stream)
+        , m_storedSize(storedSize)
+        , m_left(rows)
+        , m_blockRows(qMax(1, kBlockBytes / qMax(1, storedSize)))
+    {
+    }
+    // The next stored row, or null when the data ends first.
+    const unsigned char *next()
+    {
+        if (m_pos + m_storedSize > m_end && !refill())
+            return nullptr;
+        const unsigned char *row
+            = reinterpret_cast<const unsigned char *>(m_buffer.constData()) + m_pos;
+        m_pos += m_storedSize;
+        return row;
+    }
+
+private:
+    bool refill()
+    {
+        const qint64 rows = qMin<qint64>(m_left, m_blockRows);
+        if (rows <= 0)
+            return false;
+        // Grows with the data actually read, never on a count's word alone.
+        if (m_buffer.size() < rows * m_storedSize)
+            m_buffer.resize(int(rows * m_storedSize));
+        const int read = m_stream.readRawData(m_buffer.data(), int(rows * m_storedSize));
+        m_left = read == rows * m_storedSize ? m_left - rows : 0;
+        m_pos = 0;
+        m_end = read < 0 ? 0 : read - read % m_storedSize;
+        return m_end > 0;
+    }
+
+    QDataStream &m_stream;
+    const int m_storedSize;
+    qint64 m_left;
+    const int m_blockRows;
+    QByteArray m_buffer;
+    int m_pos = 0;
+    int m_end = 0;
+};
+
+// Collects stored rows and writes them to the stream a block at a time.
+class StoredRowWriter
+{
+public:
+    StoredRowWriter(QDataStream &stream, const QList<TableColumnDef *> &columns, int rowLength,
+                    int flagBytes)
+        : m_stream(stream)
+        , m_columns(columns)
+        , m_rowLength(rowLength)
+        , m_flagBytes(flagBytes)
+    {
+        m_buffer.reserve(kBlockBytes + rowLength + flagBytes);
+    }
+    ~StoredRowWriter() { flush(); }
+    void append(const unsigned char *row)
+    {
+        for (const TableColumnDef *column : m_columns)
+            m_buffer.append(reinterpret_cast<const char *>(row + 16 + column->offset),
+                            int(column->size));
+        m_buffer.append(reinterpret_cast<const char *>(row + 16 + m_rowLength), m_flagBytes);
+        if (m_buffer.size() >= kBlockBytes)
+            flush();
+    }
+    void flush()
+    {
+        if (!m_buffer.isEmpty())
+            m_stream.writeRawData(m_buffer.constData(), m_buffer.size());
+        m_buffer.resize(0);
+    }
+
+private:
+    QDataStream &m_stream;
+    const QList<TableColumnDef *> &m_columns;
+    const int m_rowLength;
+    const int m_flagBytes;
+    QByteArray m_buffer;
+};
+
+// Places a stored row's cells at the columns' padded places of a row block
+// and its flag bytes after the data area.
+void unpackRow(const unsigned char *stored, const QList<TableColumnDef *> &columns, int rowLength,
+               int flagBytes, unsigned char *row)
 {
     for (const TableColumnDef *column : columns) {
-        const int size = int(column->size);
-        if (stream.readRawData(reinterpret_cast<char *>(row + 16 + column->offset), size) != size)
-            return false;
+        std::memcpy(row + 16 + column->offset, stored, size_t(column->size));
+        stored += column->size;
     }
-    return stream.readRawData(reinterpret_cast<char *>(row + 16 + rowLength), flagBytes)
-        == flagBytes;
+    std::memcpy(row + 16 + rowLength, stored, size_t(flagBytes));
 }
 
-void writeStoredRow(QDataStream &stream, const QList<TableColumnDef *> &columns, int rowLength,
-                    int flagBytes, const unsigned char *row)
+// Whether the conversions copy every column of the table from the file column
+// at the same place: the file's layout is the table's, and stored rows can go
+// straight into the table's rows.
+bool copiesEveryColumnInPlace(const QList<FieldDefConvertor *> &conversions, const Table *table,
+                              const Table *scratch)
 {
-    for (const TableColumnDef *column : columns)
-        stream.writeRawData(reinterpret_cast<const char *>(row + 16 + column->offset),
-                            int(column->size));
-    stream.writeRawData(reinterpret_cast<const char *>(row + 16 + rowLength), flagBytes);
+    if (conversions.size() != table->columnCount()
+        || scratch->columnCount() != table->columnCount())
+        return false;
+    for (int i = 0; i < conversions.size(); ++i) {
+        const FieldDefConvertor *c = conversions.at(i);
+        const bool copy = dynamic_cast<const FieldDefConvertor_Copy4 *>(c)
+            || dynamic_cast<const FieldDefConvertor_Copy8 *>(c)
+            || dynamic_cast<const FieldDefConvertor_CopySized *>(c);
+        if (!copy || c->source()->index != i || c->target()->index != i
+            || c->source()->size != c->target()->size)
+            return false;
+    }
+    return true;
 }
 
 // Skips `bytes` bytes of the stream; false when it ends first.
@@ -339,6 +446,9 @@ bool TableIO::checkHeader(const TableHeader &header)
                     .arg(size));
         rowLength += size;
     }
+    if (rowLength > kMaxRowLength)
+        return d->fail(
+            QStringLiteral("Table %1: rows of %2 bytes are too long.").arg(table).arg(rowLength));
     if (rowLength != header.rowLength || header.flagBytes != flagBytesFor(header.columnCount))
         return d->fail(
             QStringLiteral("Table %1: the row length or flag bytes disagree with the columns.")
@@ -356,14 +466,14 @@ bool TableIO::writeRows(FilterProgress &progress, const TableHeader &header, QDa
     if (!master)
         return true;
     const bool report = !FilterProgressTrue::isDefault(progress);
-    const QList<TableColumnDef *> &columns = d->table->fieldDefs();
-    const int rowLength = d->table->rowLength();
+    StoredRowWriter writer(stream, d->table->fieldDefs(), d->table->rowLength(), header.flagBytes);
     int i = 0;
     for (auto it = master->begin(), end = master->end(); it != end; ++it, ++i) {
-        writeStoredRow(stream, columns, rowLength, header.flagBytes, (*it).row());
+        writer.append((*it).row());
         if (report)
             progress(i, header.rowCount);
     }
+    writer.flush();
     if (!streamOk(stream))
         return d->fail(QStringLiteral("Table %1: writing the rows failed.").arg(d->tableName()));
     return true;
@@ -508,22 +618,33 @@ bool TableIO::read(FilterProgress &progress, QDataStream &stream, bool addColumn
         throw std::bad_alloc();
 
     const bool report = !FilterProgressTrue::isDefault(progress);
+    // Same layout: stored rows go straight into the table's rows.
+    const bool inPlace = copiesEveryColumnInPlace(conversions, table, &scratch);
     const QList<TableColumnDef *> &fileColumns = scratch.fieldDefs();
     const int scratchRowLength = scratch.rowLength();
+    const QList<TableColumnDef *> &tableColumns = table->fieldDefs();
+    const int tableRowLength = table->rowLength();
     // Rows without bytes carry nothing that could back their count.
     const int rowCount = scratch.columnCount() == 0 ? 0 : header.rowCount;
+    StoredRowReader reader(stream, header.rowLength + header.flagBytes, rowCount);
     QList<Record> batch;
     batch.reserve(BatchSize);
     int loaded = 0;
     for (; loaded < rowCount; ++loaded) {
         if (report)
             progress(loaded, rowCount);
-        if (!readStoredRow(stream, fileColumns, scratchRowLength, header.flagBytes, source.row))
+        const unsigned char *stored = reader.next();
+        if (!stored)
             break;
         unsigned char *row = table->allocRow();
         if (!row)
             throw std::bad_alloc();
-        convertDefs(conversions, row, source.row);
+        if (inPlace) {
+            unpackRow(stored, tableColumns, tableRowLength, header.flagBytes, row);
+        } else {
+            unpackRow(stored, fileColumns, scratchRowLength, header.flagBytes, source.row);
+            convertDefs(conversions, row, source.row);
+        }
         Record record(row);
         if (report && !progress.filter(record))
             continue;
@@ -633,13 +754,14 @@ bool TableIO::writeRowList(FilterProgress &progress, QDataStream &stream,
     header.rowCount = records.count();
     writeHeader(header, stream);
     const bool report = !FilterProgressTrue::isDefault(progress);
-    const QList<TableColumnDef *> &columns = table->fieldDefs();
+    StoredRowWriter writer(stream, table->fieldDefs(), table->rowLength(), header.flagBytes);
     int i = 0;
     for (auto it = records.begin(), end = records.end(); it != end; ++it, ++i) {
-        writeStoredRow(stream, columns, table->rowLength(), header.flagBytes, (*it).row());
+        writer.append((*it).row());
         if (report)
             progress(i, header.rowCount);
     }
+    writer.flush();
     if (!streamOk(stream))
         return d->fail(
             QStringLiteral("writing the row list of table %1 failed").arg(table->name()));
@@ -678,19 +800,21 @@ bool TableIO::readRowList(FilterProgress &progress, QDataStream &stream,
     }
     const int rowCount = table->columnCount() == 0 ? 0 : header.rowCount;
     const bool report = !FilterProgressTrue::isDefault(progress);
-    const QList<TableColumnDef *> &columns = table->fieldDefs();
+    StoredRowReader reader(stream, header.rowLength + header.flagBytes, rowCount);
     for (int i = 0; i < rowCount; ++i) {
         if (report)
             progress(i, rowCount);
-        unsigned char *row = table->allocRow();
-        if (!row)
-            throw std::bad_alloc();
-        Record record(row);
-        if (!readStoredRow(stream, columns, table->rowLength(), header.flagBytes, row))
+        const unsigned char *stored = reader.next();
+        if (!stored)
             return d->fail(QStringLiteral("row list of table %1 ends after %2 of %3 rows")
                                .arg(name)
                                .arg(i)
                                .arg(rowCount));
+        unsigned char *row = table->allocRow();
+        if (!row)
+            throw std::bad_alloc();
+        Record record(row);
+        unpackRow(stored, table->fieldDefs(), table->rowLength(), header.flagBytes, row);
         if (report && !progress.filter(record))
             continue;
         records.append(record);
