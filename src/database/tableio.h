@@ -91,10 +91,18 @@ public:
 //
 // Hostile input: every count and length read from a stream is checked before
 // it is used and nothing is reserved on the word of a file: a header with a
-// negative or inconsistent count, an unknown type, a column record whose size
-// disagrees with its type, or a row length that is not the sum of its cells
-// is refused with an error. A file whose rows carry no bytes (no columns)
+// negative or inconsistent count, an unknown type, a VarChar longer than 32767
+// units, a column record whose size disagrees with its type, a row length that
+// is not the sum of its cells or exceeds 16 MiB is refused with an error. A file whose rows carry no bytes (no columns)
 // loads no rows, since no data could back their count.
+//
+// Performance: stored rows move between the stream and the rows through a
+// buffer of about 64 KiB, one read or write per block of rows; a load whose
+// file layout equals the table's (every column copied to the same place)
+// unpacks stored rows straight into the new rows, without the scratch row and
+// the conversions. Loaded records reach the table in batches of BatchSize
+// (Table::appendList) and the listed indexes are rebuilt once, at the end
+// (TableIndexRebuilder); the main index takes the batches as they come.
 //
 // Saving never loses the previous file: a save writes through QSaveFile
 // (under the compressor when compressed) and deletes the other form (plain
