@@ -32,7 +32,8 @@ cmake --build build/tsan -j"$jobs"
 if [ -f fuzz/CMakeLists.txt ]; then
     echo "== fuzz targets (bounded runs)"
     CC=clang CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=Debug \
-        -DDATABASE_BUILD_FUZZ=ON -DDATABASE_BUILD_TESTS=OFF -DDATABASE_BUILD_TOOLS=OFF >/dev/null
+        -DDATABASE_BUILD_FUZZ=ON -DDATABASE_BUILD_TESTS=OFF -DDATABASE_BUILD_TOOLS=OFF \
+        -DDATABASE_SANITIZE=fuzzer-no-link,address,undefined >/dev/null
     cmake --build build/fuzz -j"$jobs"
     for target in build/fuzz/fuzz/fuzz_*; do
         [ -f "$target" ] && [ -x "$target" ] || continue

@@ -21,6 +21,9 @@
 #include <database/rangeset.h>
 #include <database/record.h>
 #include <database/runnable.h>
+#include <database/settings/mapsettings.h>
+#include <database/settings/qtjsonsettings.h>
+#include <database/settings/settings.h>
 #include <database/table.h>
 #include <database/tableio.h>
 #include <database/tablerebuilder.h>

@@ -81,6 +81,10 @@ public:
     // True when the text parses. With `anyForm` false the text must follow
     // fromString()'s grammar; with `anyForm` true the rules of fromAnyString().
     static bool canConvert(const QString &text, bool anyForm = false);
+    static bool canConvert(const char *text, bool anyForm = false)
+    {
+        return canConvert(QString::fromUtf8(text), anyForm);
+    }
 
     // Text as a person types it in `locale`:
     //  - surrounding white space is ignored; a sign (+, -, U+2212 or the
