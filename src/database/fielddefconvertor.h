@@ -80,7 +80,7 @@ public:
     // The convertor that the conversion table above gives for the two columns.
     // Throws Exception for a refused pair. The caller owns the result.
     static FieldDefConvertor *create(const TableColumnDef *source, const TableColumnDef *target);
-    // Whether create() would refuse the pair, without throwing.
+    // Whether create() accepts a pair of these types (without throwing).
     static bool canConvert(int sourceType, int targetType);
 
 protected:
