@@ -16,7 +16,11 @@
 #include <database/fieldtype.h>
 #include <database/index.h>
 #include <database/indexdepend.h>
+#include <database/indexlimit.h>
+#include <database/indexlist.h>
+#include <database/indexsort.h>
 #include <database/logfile.h>
+#include <database/masterindex.h>
 #include <database/partitionlist.h>
 #include <database/rangeset.h>
 #include <database/record.h>
