@@ -93,8 +93,9 @@ public:
 // it is used and nothing is reserved on the word of a file: a header with a
 // negative or inconsistent count, an unknown type, a VarChar longer than 32767
 // units, a column record whose size disagrees with its type, a row length that
-// is not the sum of its cells or exceeds 16 MiB is refused with an error. A file whose rows carry no bytes (no columns)
-// loads no rows, since no data could back their count.
+// is not the sum of its cells or exceeds 16 MiB is refused with an error. A
+// file whose rows carry no bytes (no columns) loads no rows, since no data
+// could back their count.
 //
 // Performance: stored rows move between the stream and the rows through a
 // buffer of about 64 KiB, one read or write per block of rows; a load whose
