@@ -24,6 +24,7 @@
 #include <database/partitionlist.h>
 #include <database/rangeset.h>
 #include <database/record.h>
+#include <database/recordstrans.h>
 #include <database/runnable.h>
 #include <database/settings/mapsettings.h>
 #include <database/settings/qtjsonsettings.h>
@@ -31,6 +32,7 @@
 #include <database/table.h>
 #include <database/tableio.h>
 #include <database/tablerebuilder.h>
+#include <database/undo.h>
 #include <database/volat.h>
 
 // Installed beside this header; in the source tree it is found on the include path.
