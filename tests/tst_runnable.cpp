@@ -1,7 +1,5 @@
 #include <database/runnable.h>
 
-#include <QSignalSpy>
-#include <QThreadPool>
 #include <QtTest>
 
 #include <algorithm>

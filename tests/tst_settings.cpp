@@ -2,12 +2,6 @@
 
 #include <database/database.h>
 
-#include <QBuffer>
-#include <QJsonDocument>
-#include <QPointer>
-#include <QProcess>
-#include <QStandardPaths>
-#include <QTemporaryDir>
 #include <QtTest>
 
 #include <new>

@@ -1,6 +1,5 @@
 #include <database/volat.h>
 
-#include <QFile>
 #include <QtTest>
 
 #include <cmath>
