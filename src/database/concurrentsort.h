@@ -8,6 +8,17 @@
 #include <algorithm>
 #include <array>
 
+#if defined(__SANITIZE_THREAD__)
+#define DATABASE_CONCURRENTSORT_TSAN
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define DATABASE_CONCURRENTSORT_TSAN
+#endif
+#endif
+#ifdef DATABASE_CONCURRENTSORT_TSAN
+#include <sanitizer/tsan_interface.h>
+#endif
+
 // ConcurrentSort: a stable sort of a random-access range on the global thread
 // pool, used by sorted indexes to re-establish the order of their whole
 // partitioned list.
@@ -25,8 +36,10 @@
 // any state. Each task touches only its own stretch of the range and the
 // structure behind the iterators must not change during the sort (for a
 // PartitionList only elements move, never parts). The call returns when the
-// range is sorted; the calling thread takes part in the blocking maps, so it is
-// safe to call from a pool thread too.
+// range is sorted. While it waits for a level, Qt lets the calling thread run
+// work that no pool thread has taken yet, so a call from a pool thread does not
+// deadlock on a busy pool.
+
 namespace ConcurrentSort {
 
 // One block to sort.
@@ -60,6 +73,47 @@ void inplaceMerge(const BeginMiddleEnd<Iterator, LessThan> &blocks)
     std::inplace_merge(blocks.begin, blocks.middle, blocks.end, blocks.lessThan);
 }
 
+namespace Detail {
+
+// Qt's thread engine orders every task after the blocking call starts it and
+// before the call returns, through synchronisation that the thread sanitizer
+// cannot see in an uninstrumented Qt. Marking exactly those edges lets the
+// sanitizer check the sort's own memory accesses, and nothing is hidden.
+inline void publish(const void *task)
+{
+#ifdef DATABASE_CONCURRENTSORT_TSAN
+    __tsan_release(const_cast<void *>(task));
+#else
+    Q_UNUSED(task);
+#endif
+}
+
+inline void receive(const void *task)
+{
+#ifdef DATABASE_CONCURRENTSORT_TSAN
+    __tsan_acquire(const_cast<void *>(task));
+#else
+    Q_UNUSED(task);
+#endif
+}
+
+// Runs every task with `run` on the global pool and returns when all are done.
+template <typename Task, std::size_t N>
+void runAll(std::array<Task, N> &tasks, void (*run)(const Task &))
+{
+    for (const Task &task : tasks)
+        publish(&task);
+    QtConcurrent::blockingMap(tasks, [run](Task &task) {
+        receive(&task);
+        run(task);
+        publish(&task);
+    });
+    for (const Task &task : tasks)
+        receive(&task);
+}
+
+} // namespace Detail
+
 template <typename Iterator, typename LessThan>
 void stableSortHelper(Iterator begin, Iterator end, LessThan lessThan)
 {
@@ -86,17 +140,17 @@ void stableSortHelper(Iterator begin, Iterator end, LessThan lessThan)
                                   Block { b[2], b[3], lessThan }, Block { b[3], b[4], lessThan },
                                   Block { b[4], b[5], lessThan }, Block { b[5], b[6], lessThan },
                                   Block { b[6], b[7], lessThan }, Block { b[7], b[8], lessThan } };
-    QtConcurrent::blockingMap(blocks, &ConcurrentSort::sort<Iterator, LessThan>);
+    Detail::runAll(blocks, &ConcurrentSort::sort<Iterator, LessThan>);
 
     std::array<Merge, 4> pairs { Merge { b[0], b[1], b[2], lessThan },
                                  Merge { b[2], b[3], b[4], lessThan },
                                  Merge { b[4], b[5], b[6], lessThan },
                                  Merge { b[6], b[7], b[8], lessThan } };
-    QtConcurrent::blockingMap(pairs, &ConcurrentSort::inplaceMerge<Iterator, LessThan>);
+    Detail::runAll(pairs, &ConcurrentSort::inplaceMerge<Iterator, LessThan>);
 
     std::array<Merge, 2> halves { Merge { b[0], b[2], b[4], lessThan },
                                   Merge { b[4], b[6], b[8], lessThan } };
-    QtConcurrent::blockingMap(halves, &ConcurrentSort::inplaceMerge<Iterator, LessThan>);
+    Detail::runAll(halves, &ConcurrentSort::inplaceMerge<Iterator, LessThan>);
 
     ConcurrentSort::inplaceMerge(Merge { b[0], b[4], b[8], lessThan });
 }

@@ -15,16 +15,22 @@
 #include <database/fieldtype.h>
 #include <database/index.h>
 #include <database/indexdepend.h>
+#include <database/indexlimit.h>
+#include <database/indexlist.h>
+#include <database/indexsort.h>
 #include <database/logfile.h>
+#include <database/masterindex.h>
 #include <database/partitionlist.h>
 #include <database/rangeset.h>
 #include <database/record.h>
+#include <database/recordstrans.h>
 #include <database/runnable.h>
 #include <database/settings/mapsettings.h>
 #include <database/settings/qtjsonsettings.h>
 #include <database/settings/settings.h>
 #include <database/table.h>
 #include <database/tablerebuilder.h>
+#include <database/undo.h>
 #include <database/volat.h>
 
 // Installed beside this header; in the source tree it is found on the include path.

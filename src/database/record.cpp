@@ -1,5 +1,6 @@
 #include "database/record.h"
 
+#include "database/masterindex_struct.h"
 #include "database/table.h"
 
 #include <cstring>
@@ -17,6 +18,14 @@ Record::Record(const Table *table)
     : m_row(table ? table->allocRow() : nullptr)
 {
     ref();
+}
+
+Record::Record(const Table *table, const QString &key)
+{
+    if (!table || key.isEmpty())
+        return;
+    if (const MasterIndex *master = table->masterIndex())
+        *this = master->findRecord(key);
 }
 
 Record::Record(unsigned char *row) noexcept
@@ -138,6 +147,22 @@ Field Record::data(const QString &name) const
 Field Record::data(int column) const
 {
     return table()->dataPtr(m_row, column);
+}
+
+bool Record::inTable() const
+{
+    if (!m_row)
+        return false;
+    const MasterIndex *master = table()->masterIndex();
+    return master && master->contains(*this);
+}
+
+QString Record::toString() const
+{
+    if (!m_row)
+        return QString();
+    const MasterIndex *master = table()->masterIndex();
+    return master ? master->toText(*this) : QString();
 }
 
 QString Record::dump() const

@@ -3,6 +3,7 @@
 #include "database/table_p.h"
 
 #include "database/index.h"
+#include "database/masterindex_struct.h"
 #include "database/record.h"
 
 #include <QDebug>
@@ -34,6 +35,12 @@ Table::Table(const QString &name, const QString &title, QObject *parent)
 
 Table::~Table()
 {
+    // The master index holds the rows: it goes while the table can still free them.
+    MasterIndex *master = d->master;
+    d->master = nullptr;
+    if (d->main == master)
+        d->main = nullptr;
+    delete master;
     qDeleteAll(d->columns);
 }
 
@@ -262,6 +269,11 @@ void Table::addColumn(const TableColumnDef &source)
     const int newRowLength = oldRowLength + cellLength;
     const int newRowSize = 16 + newRowLength + flagBytes(oldColumnCount + 1);
 
+    // The listed indexes are built again at the end; emptied now, none of them
+    // keeps a handle to a block that the re-laying may move.
+    const QList<Index *> listed = d->indexes;
+    for (Index *index : listed)
+        index->clear();
     QList<Record> rows = takeMainRows();
     QList<unsigned char *> blocks;
     blocks.reserve(rows.size());
@@ -305,21 +317,44 @@ void Table::addColumn(const TableColumnDef &source)
 }
 
 // --- the main index ------------------------------------------------------------------
-// A table gets rows only through a master index; until one is installed there
-// is nothing to re-lay.
+// The master index is the main index. A test double installed in its place is
+// walked only if it can be (IndexIterative).
+
+void Table::setMasterIndex(MasterIndex *index)
+{
+    if (d->master && d->master != index)
+        delete d->master;
+    d->master = index;
+    setMainIndex(index);
+}
 
 QList<Record> Table::takeMainRows()
 {
-    return QList<Record>();
+    QList<Record> rows;
+    const auto *iterative = dynamic_cast<const IndexIterative *>(d->main);
+    if (!iterative)
+        return rows;
+    rows.reserve(iterative->count());
+    for (auto it = iterative->begin(), end = iterative->end(); it != end; ++it)
+        rows.append(*it);
+    d->main->clear();
+    return rows;
 }
 
-void Table::restoreMainRows(const QList<Record> &)
+void Table::restoreMainRows(const QList<Record> &rows)
 {
+    if (!d->main)
+        return;
+    for (const Record &row : rows)
+        d->main->add(row);
 }
 
 int Table::rowCount() const
 {
-    return 0;
+    if (d->master)
+        return d->master->count();
+    const auto *iterative = dynamic_cast<const IndexIterative *>(d->main);
+    return iterative ? iterative->count() : 0;
 }
 
 // --- locking -------------------------------------------------------------------------

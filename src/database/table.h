@@ -114,10 +114,14 @@ public:
     // The column definitions in column order (owned by the table).
     const QList<TableColumnDef *> &fieldDefs() const;
 
-    // Adds a column, re-laying every existing row (rows may move in memory).
+    // Adds a column, re-laying every existing row (rows may move in memory):
+    // the listed indexes are emptied, the rows taken out of the main index in
+    // its order, grown, put back, and the listed indexes built again. A row
+    // still held elsewhere is reported in the debug log and re-laid anyway.
     // Throws QString: "Column name can't be empty.", "Column '%1' already exists
     // for table '%2'.", and the cell-size errors of FieldType::typeLength.
-    // REQUIRES: no raw row pointer or Field of this table is in use elsewhere.
+    // REQUIRES: no Record, raw row pointer or Field of this table's rows is
+    // held outside its indexes.
     void addColumn(const TableColumnDef &def);
     void addColumn(const QString &name, FieldType::Type type, int length = 0, bool nullable = true,
                    const QString &title = QString(), bool auxFlag = true,

@@ -1,0 +1,185 @@
+// Cost of changing rows through record transactions. A quote table of a
+// million rows (integer key, instrument, decimal price, double quantity) has a
+// master index on the key, two sorted indexes (by instrument and price, by
+// price) and a limited view by price. A million random price changes are made
+//   - in transactions of 1000 rows (RecordsTrans + RecordUpdater, one
+//     Table::process per batch), and
+//   - by the peer, measured in the same run: the same changes one row at a
+//     time, in place, each reported by Table::updated with the row's positions
+//     taken beforehand (buildKeeper), inside one update bracket per 1000 rows.
+// Printed at the end: rows per second of each, and the cost of a row in a
+// transaction over its cost in the plain loop.
+
+#include <database/database.h>
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr int kRows = 1000000;
+constexpr int kBatch = 1000;
+constexpr int kBatches = kRows / kBatch;
+enum Column { Id, Instrument, Price, Quantity };
+
+class ByColumns : public IndexSort
+{
+public:
+    ByColumns(Table *table, const QStringList &columns)
+        : IndexSort(table, true)
+        , m_key(table, columns)
+    {
+    }
+    int compare(const Record &a, const Record &b) const override { return m_key.compare(a, b); }
+
+private:
+    MasterIndex_Column_Pure m_key;
+};
+
+// A view that may hold every row: the transactions ask it for evictions on
+// every batch, and it never has any to make.
+class PriceLimit : public IndexLimit
+{
+public:
+    explicit PriceLimit(Table *table)
+        : IndexLimit(kRows, table)
+        , m_key(table, QStringLiteral("price"))
+    {
+    }
+    int compare(const Record &a, const Record &b) const override { return m_key.compare(a, b); }
+
+private:
+    MasterIndex_Column_Pure m_key;
+};
+
+struct Quotes
+{
+    Quotes()
+        : table(QStringLiteral("quotes"))
+    {
+        table.addColumn(QStringLiteral("id"), FieldType::Integer, 0, false);
+        table.addColumn(QStringLiteral("instrument"), FieldType::VarChar, 12, false);
+        table.addColumn(QStringLiteral("price"), FieldType::Decimal, 0, false);
+        table.addColumn(QStringLiteral("qty"), FieldType::Double);
+        table.setMasterIndex(new MasterIndex_Column_Pure(&table, QStringLiteral("id")));
+        byInstrument.reset(new ByColumns(&table, { "instrument", "price" }));
+        byPrice.reset(new ByColumns(&table, { "price" }));
+        limited.reset(new PriceLimit(&table));
+        QList<Record> rows;
+        rows.reserve(kRows);
+        for (int i = 0; i < kRows; ++i) {
+            const Record row(&table);
+            row.data(Id).set<qint32>(i);
+            row.data(Instrument) = QStringLiteral("SBER%1").arg(random() % 500);
+            row.data(Price).set(nextPrice());
+            row.data(Quantity).set<double>(random() % 10000);
+            rows.append(row);
+        }
+        table.appendList(rows);
+    }
+    decimal nextPrice() { return decimal(qint64(random() % 1000000), 2); }
+    int nextId() { return int(random() % kRows); }
+
+    Table table;
+    std::unique_ptr<ByColumns> byInstrument;
+    std::unique_ptr<ByColumns> byPrice;
+    std::unique_ptr<PriceLimit> limited;
+    std::mt19937 random { 11 };
+};
+
+Quotes &quotes()
+{
+    static Quotes instance;
+    return instance;
+}
+
+void BM_TransactionUpdates(benchmark::State &state)
+{
+    Quotes &q = quotes();
+    const MasterIndex *master = q.table.masterIndex();
+    Record key(&q.table);
+    for (auto _ : state) {
+        q.table.beginUpdate();
+        {
+            RecordsTrans trans(&q.table);
+            for (int i = 0; i < kBatch; ++i) {
+                key.data(Id).set<qint32>(q.nextId());
+                RecordUpdater updater(&trans, master->find(key, -1));
+                updater.updateInMap();
+                updater.setValue(Price, q.nextPrice());
+            }
+        }
+        q.table.endUpdate();
+    }
+    state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+void BM_UpdatedLoop(benchmark::State &state)
+{
+    Quotes &q = quotes();
+    const MasterIndex *master = q.table.masterIndex();
+    Record key(&q.table);
+    for (auto _ : state) {
+        q.table.beginUpdate();
+        for (int i = 0; i < kBatch; ++i) {
+            key.data(Id).set<qint32>(q.nextId());
+            const Record row = master->find(key, -1);
+            const QVector<int> keeper = q.table.buildKeeper(row);
+            row.data(Price).set(q.nextPrice());
+            q.table.updated(row, keeper, Price, Price);
+        }
+        q.table.endUpdate();
+    }
+    state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+BENCHMARK(BM_TransactionUpdates)->Unit(benchmark::kMillisecond)->Iterations(kBatches);
+BENCHMARK(BM_UpdatedLoop)->Unit(benchmark::kMillisecond)->Iterations(kBatches);
+
+class RatioReporter : public benchmark::ConsoleReporter
+{
+public:
+    void ReportRuns(const std::vector<Run> &runs) override
+    {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run &run : runs) {
+            const auto it = run.counters.find("items_per_second");
+            if (it != run.counters.end())
+                m_rates[run.benchmark_name()] = it->second.value;
+        }
+    }
+    double rate(const std::string &prefix) const
+    {
+        for (const auto &entry : m_rates) {
+            if (entry.first.rfind(prefix, 0) == 0)
+                return entry.second;
+        }
+        return 0;
+    }
+
+private:
+    std::map<std::string, double> m_rates;
+};
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    benchmark::Initialize(&argc, argv);
+    quotes(); // build the table before the clock runs
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    const double trans = reporter.rate("BM_TransactionUpdates");
+    const double loop = reporter.rate("BM_UpdatedLoop");
+    if (trans > 0 && loop > 0)
+        std::printf("price updates: transactions of %d %.4g rows/s, Table::updated loop %.4g "
+                    "rows/s, cost per row ratio (transaction / loop) %.2f\n",
+                    kBatch, trans, loop, loop / trans);
+    return 0;
+}

@@ -1,0 +1,116 @@
+#ifndef DATABASE_INDEXSORT_H
+#define DATABASE_INDEXSORT_H
+
+#include <database/indexlist.h>
+
+#include <QVector>
+
+// IndexSort: the rows of a table that pass filter(), kept in the order of the
+// subclass's compare() at all times, found by binary search over positions.
+//
+// compare(a, b) is negative when a sorts before b, zero for equal keys and
+// positive when a sorts after b; it must be a strict weak ordering of the
+// rows' current content and must not change any state (resort() calls it from
+// worker threads).
+//
+// Invariants (outside a caller's move(), which may break 1 on purpose):
+//  1. Positions are in non-decreasing compare() order.
+//  2. Equal keys keep their arrival order: a record entering the index goes
+//     after every record with an equal key, a batch's records enter in their
+//     order among themselves, and resort() is stable.
+//  3. Identity is the row block, never key equality: indexOf(), remove() and
+//     update() look for the very row.
+//
+// Changes of a row's key: the caller changes the row in place and then tells
+// the index (update(), or process() for a batch). Until then the row may stand
+// out of order; the searches cope with one such row and the identity look-ups
+// fall back to a scan. update() with an unknown position (-1) of a row whose
+// key changed finds it by that scan and reports the cost once per call with
+// the warning "update Full search can impact the performance"; passing the
+// row's position avoids both.
+//
+// An update that leaves the row in order relative to its neighbours does not
+// move it, even where an equal neighbour arrived later; a batch (process())
+// always re-enters its updated rows after their equal keys.
+//
+// build() takes every master-index row that passes filter() under the table's
+// lock, appends them and stable-sorts once: the order that adding them one by
+// one would give, at the cost of one sort instead of a binary insertion each.
+// It does not go through add().
+//
+// Threads: as IndexList; resort() sorts on the global thread pool and returns
+// when the sort is complete.
+class DATABASE_EXPORT IndexSort : public IndexList
+{
+public:
+    // Strict ordering for lower bounds and sorting: compare(a, b) < 0.
+    struct LessThan
+    {
+        explicit LessThan(const IndexSort *index)
+            : index(index)
+        {
+        }
+        bool operator()(const Record &a, const Record &b) const { return index->compare(a, b) < 0; }
+        const IndexSort *index;
+    };
+    // The raw compare(element, key) result, for the binary searches.
+    struct Compare
+    {
+        explicit Compare(const IndexSort *index)
+            : index(index)
+        {
+        }
+        int operator()(const Record &element, const Record &key) const
+        {
+            return index->compare(element, key);
+        }
+        const IndexSort *index;
+    };
+
+    explicit IndexSort(Table *table, bool registered = true);
+    explicit IndexSort(const QString &tableName, bool registered = true);
+    ~IndexSort() override;
+
+    void build() override;
+    // Inserts at indexOfAdd(): after every record with a key <= the record's.
+    // A record that fails filter() is ignored.
+    void add(const Record &record) override;
+    // Removes the updated and removed records by ranges, then merges the
+    // updated and inserted records that pass filter() in runs.
+    void process(const QList<Record> &removed, const QList<Record> &updated, int first, int last,
+                 const QList<Record> &inserted) override;
+    // Moves the changed record to its place; `position` (or -1) is its current
+    // position. A record that fails filter() leaves; one not found is added.
+    void update(const Record &record, int a, int b, int position) override;
+    int indexOf(const Record &record) const override;
+    const char *getClassName() const override;
+
+    virtual int compare(const Record &a, const Record &b) const = 0;
+    // The record at search(key, from), or the null record.
+    virtual Record find(const Record &key, int from) const;
+    // The first position after `from` whose key equals key's, or -1.
+    virtual int search(const Record &key, int from) const;
+    // The last position after `from` whose key equals key's, or -1.
+    virtual int searchLast(const Record &key, int from) const;
+    // Linear scan from from + 1 for the first equal key. The result counts the
+    // records stepped over from from + 1, so it is the position only for
+    // from == -1; -1 when there is none.
+    virtual int searchFull(const Record &key, int from) const;
+    // Re-establishes compare() order over the whole list, stably.
+    virtual void resort();
+
+    // The upper bound of the record's key: where add() would insert it.
+    int indexOfAdd(const Record &record) const;
+    // indexOf() of each record, in the given order (-1 for the missing ones).
+    // Rows out of key order are found by one shared scan of the list.
+    QVector<int> indexOfs(const QList<Record> &records) const;
+
+private:
+    Q_DISABLE_COPY(IndexSort)
+    int lowerBound(const Record &record) const;
+    int upperBound(const Record &record, int low) const;
+    // Moves the record at `position` to its upper bound.
+    void reposition(const Record &record, int position);
+};
+
+#endif // DATABASE_INDEXSORT_H

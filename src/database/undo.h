@@ -1,0 +1,237 @@
+#ifndef DATABASE_UNDO_H
+#define DATABASE_UNDO_H
+
+#include <database/database_global.h>
+#include <database/record.h>
+
+#include <QScopedPointer>
+#include <QUndoCommand>
+
+class RecordsTrans;
+class RecordUpdater;
+class Table;
+
+// Undo: the commands that the host pushes on an undo stack when a user changes
+// a table.
+//
+// Every command finds "its" row again by primary key through the table's
+// master index (search/find from -1), never by a stored row pointer: the row in
+// the table may have been replaced since the command was made. A command holds
+// its records by counted reference; it never owns its table, which must
+// outlive it. Commands carry no display text (the host sets one if it wants)
+// and never merge (id() is -1).
+//
+// Direct commands (Insert, Delete, Update, Clear) act on the table inside its
+// update bracket, which is closed again also when an exception leaves the
+// command; exceptions of the table pass through. A row that cannot be found by
+// key is skipped.
+//
+// Transaction replays its children (TransInsert, TransDelete, TransUpdate)
+// through one RecordsTrans inside one update bracket, so that the table and its
+// indexes see one batch, even an empty one. A child that cannot find its row
+// registers its key record as an insert instead.
+//
+// A QUndoStack runs redo() as soon as a command is pushed, so every redo() is
+// safe when the row already has its redone state (a duplicate key is the
+// table's concern). Each undo()/redo() ends with the base QUndoCommand's,
+// which runs the children (only a Transaction has any).
+//
+// The replay is deliberately literal, and hosts rely on it; in particular:
+//  - Insert::redo and Delete::undo append a fresh clone each time: the stored
+//    record never enters the table. The transaction children, by contrast,
+//    register their own stored record as the new row when its key is missing,
+//    so later edits of that row are edits of the command's record. Should the
+//    row be replaced by a clone meanwhile (Delete::undo, Clear::undo), the
+//    edits undone on the clone stay in the record, and a later replay of the
+//    child brings them back: keep direct commands and transaction children of
+//    one row apart.
+//  - Insert::undo after the row's key was changed elsewhere removes nothing.
+//  - Clear's saved rows are taken by redo() and handed back (and forgotten) by
+//    undo(): a second undo() without a redo() between restores nothing. Rows
+//    whose key is still in the table are only reported as updated, with their
+//    content unchanged.
+//  - TransUpdate::undo without a row for the new key inserts the command's new
+//    record, overwritten with the old content.
+//  - An empty Transaction still gives the table one (empty) Table::process().
+//
+// REQUIRES: the table has a master index whenever a command looks a row up
+// (without one the command warns and skips its work).
+//
+// Threads: the thread that owns the table's changes (the undo stack's thread).
+namespace Undo {
+
+// Appends a clone of the record on redo; removes the row with its key on undo.
+class DATABASE_EXPORT Insert : public QUndoCommand
+{
+public:
+    Insert(Table *table, const Record &record);
+    ~Insert() override;
+    void undo() override;
+    void redo() override;
+
+private:
+    Q_DISABLE_COPY(Insert)
+    class Private;
+    const QScopedPointer<Private> d;
+};
+
+// The mirror of Insert: removes the row with the record's key on redo, appends
+// a clone of the record on undo.
+class DATABASE_EXPORT Delete : public QUndoCommand
+{
+public:
+    Delete(Table *table, const Record &record);
+    ~Delete() override;
+    void undo() override;
+    void redo() override;
+
+private:
+    Q_DISABLE_COPY(Delete)
+    class Private;
+    const QScopedPointer<Private> d;
+};
+
+// Copies the new content into the row with the old record's key on redo, the
+// old content into the row with the new record's key on undo, and reports all
+// columns of the row as updated (Table::updated).
+class DATABASE_EXPORT Update : public QUndoCommand
+{
+public:
+    Update(Table *table, const Record &oldRecord, const Record &newRecord);
+    ~Update() override;
+    void undo() override;
+    void redo() override;
+
+private:
+    Q_DISABLE_COPY(Update)
+    class Private;
+    const QScopedPointer<Private> d;
+};
+
+// Empties the table on redo, keeping clones of its rows in master-index order;
+// gives them back through one transaction on undo.
+//
+//     (saved empty) --redo--> (saved: clones of the rows; table empty)
+//          ^                              |
+//          +-----------undo---------------+  (rows handed back, list emptied)
+//
+// A redo() without undo() between appends to the saved list; an undo()
+// without redo() between has nothing to give back.
+class DATABASE_EXPORT Clear : public QUndoCommand
+{
+public:
+    explicit Clear(Table *table);
+    ~Clear() override;
+    void undo() override;
+    void redo() override;
+
+    // The number of rows saved by redo() and not yet given back.
+    int savedCount() const;
+
+private:
+    Q_DISABLE_COPY(Clear)
+    class Private;
+    const QScopedPointer<Private> d;
+};
+
+class TransCommand;
+
+// A batch: its children (TransCommand subclasses) are replayed through one
+// RecordsTrans on the table inside one update bracket: redo in the order they
+// were added, undo in reverse.
+class DATABASE_EXPORT Transaction : public QUndoCommand
+{
+public:
+    explicit Transaction(Table *table);
+    ~Transaction() override;
+    void undo() override;
+    void redo() override;
+
+    Table *table() const;
+    // Hands `trans` to every child that is a TransCommand (by dynamic type);
+    // returns the number of children.
+    int prepareTrans(RecordsTrans *trans);
+
+private:
+    Q_DISABLE_COPY(Transaction)
+    class Private;
+    const QScopedPointer<Private> d;
+};
+
+// A child of a Transaction: works on the record transaction that its parent
+// hands it for the length of one replay (null outside a replay; a child
+// replayed without one warns and does nothing). undo() and redo() are the
+// base's.
+class DATABASE_EXPORT TransCommand : public QUndoCommand
+{
+public:
+    explicit TransCommand(Transaction *parent);
+    ~TransCommand() override;
+
+    void setRecordTrans(RecordsTrans *trans);
+    RecordsTrans *recordTrans() const;
+
+protected:
+    // Registers the row with `key`'s primary key with the updater's record
+    // transaction: the table's row as an update (the updater then edits the
+    // working copy) or, when the table has none, `key` itself as an insert.
+    // False, with a warning, when the updater has no record transaction, the
+    // table no master index, or `key` is null.
+    bool locate(RecordUpdater &updater, const Record &key) const;
+
+private:
+    Q_DISABLE_COPY(TransCommand)
+    class Private;
+    const QScopedPointer<Private> d;
+};
+
+// Registers the record on redo (inserted if its key is missing, else reported
+// as updated); removes the row with its key on undo.
+class DATABASE_EXPORT TransInsert : public TransCommand
+{
+public:
+    TransInsert(const Record &record, Transaction *parent);
+    ~TransInsert() override;
+    void undo() override;
+    void redo() override;
+
+private:
+    Q_DISABLE_COPY(TransInsert)
+    class Private;
+    const QScopedPointer<Private> d;
+};
+
+// The mirror of TransInsert.
+class DATABASE_EXPORT TransDelete : public TransCommand
+{
+public:
+    TransDelete(const Record &record, Transaction *parent);
+    ~TransDelete() override;
+    void undo() override;
+    void redo() override;
+
+private:
+    Q_DISABLE_COPY(TransDelete)
+    class Private;
+    const QScopedPointer<Private> d;
+};
+
+// Writes the whole new record over the row with the old record's key on redo,
+// the old record over the row with the new record's key on undo.
+class DATABASE_EXPORT TransUpdate : public TransCommand
+{
+public:
+    TransUpdate(const Record &oldRecord, const Record &newRecord, Transaction *parent);
+    ~TransUpdate() override;
+    void undo() override;
+    void redo() override;
+
+private:
+    Q_DISABLE_COPY(TransUpdate)
+    class Private;
+    const QScopedPointer<Private> d;
+};
+
+} // namespace Undo
+
+#endif // DATABASE_UNDO_H

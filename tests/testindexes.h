@@ -1,0 +1,108 @@
+#ifndef TESTS_TESTINDEXES_H
+#define TESTS_TESTINDEXES_H
+
+// A small quote table and a configurable sorted index over it, shared by the
+// index tests.
+
+#include <database/indexsort.h>
+#include <database/masterindex.h>
+#include <database/table.h>
+
+#include <QStringList>
+
+#include <functional>
+
+namespace TestIndexes {
+
+enum Column { Id, Group, Name, Quantity };
+
+// id Integer (not null), grp Integer (nullable), name VarChar(8), qty Double.
+inline void addQuoteColumns(Table &table)
+{
+    table.addColumn(QStringLiteral("id"), FieldType::Integer, 0, false);
+    table.addColumn(QStringLiteral("grp"), FieldType::Integer);
+    table.addColumn(QStringLiteral("name"), FieldType::VarChar, 8);
+    table.addColumn(QStringLiteral("qty"), FieldType::Double);
+}
+
+// A fresh, unattached row. A negative group leaves grp null.
+inline Record makeRow(const Table &table, int id, int group = 0, const QString &name = QString(),
+                      double quantity = 0)
+{
+    Record row(&table);
+    row.data(Id).set<qint32>(id);
+    if (group >= 0)
+        row.data(Group).set<qint32>(group);
+    row.data(Name) = name;
+    row.data(Quantity).set<double>(quantity);
+    return row;
+}
+
+inline int idOf(const Record &row)
+{
+    return row.data(Id).get<qint32>();
+}
+
+// Sorted like a column key over the given columns (nulls first); an optional
+// filter.
+class ColumnSort : public IndexSort
+{
+public:
+    using Filter = std::function<bool(const Record &)>;
+    ColumnSort(Table *table, const QList<int> &columns, bool registered, Filter filter = {})
+        : IndexSort(table, registered)
+        , m_key(table, columns)
+        , m_filter(std::move(filter))
+    {
+    }
+    int compare(const Record &a, const Record &b) const override { return m_key.compare(a, b); }
+    bool filter(const Record &record) const override { return !m_filter || m_filter(record); }
+
+private:
+    MasterIndex_Column_Pure m_key;
+    Filter m_filter;
+};
+
+// Collects the warnings written while it lives ("file:line|function|text"),
+// instead of printing them.
+class WarningLog
+{
+public:
+    WarningLog()
+        : m_previous(qInstallMessageHandler(&WarningLog::handle))
+    {
+        current() = this;
+    }
+    ~WarningLog()
+    {
+        qInstallMessageHandler(m_previous);
+        current() = nullptr;
+    }
+    QStringList messages;
+
+private:
+    static WarningLog *&current()
+    {
+        static WarningLog *log = nullptr;
+        return log;
+    }
+    static void handle(QtMsgType type, const QMessageLogContext &context, const QString &text)
+    {
+        if (type == QtWarningMsg && current())
+            current()->messages << QStringLiteral("%1:%2|%3|%4")
+                                       .arg(QString::fromLatin1(context.file))
+                                       .arg(context.line)
+                                       .arg(QString::fromLatin1(context.function), text);
+    }
+    QtMessageHandler m_previous;
+};
+
+inline const QString fullSearchWarning()
+{
+    return QStringLiteral("indexsort:230|virtual void IndexSort::update(const Record&, int, int, "
+                          "int)|update Full search can impact the performance");
+}
+
+} // namespace TestIndexes
+
+#endif // TESTS_TESTINDEXES_H
