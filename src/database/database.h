@@ -18,6 +18,7 @@
 #include <database/indexlimit.h>
 #include <database/indexlist.h>
 #include <database/indexsort.h>
+#include <database/indexvector.h>
 #include <database/logfile.h>
 #include <database/masterindex.h>
 #include <database/partitionlist.h>
@@ -32,6 +33,7 @@
 #include <database/tablerebuilder.h>
 #include <database/undo.h>
 #include <database/volat.h>
+#include <database/watchindex.h>
 
 // Installed beside this header; in the source tree it is found on the include path.
 #include "deflatedevice.h"
