@@ -8,7 +8,7 @@
 #include <QtTest>
 
 #include <functional>
-#include <memory>
+#include <list>
 #include <thread>
 
 namespace {
@@ -18,42 +18,26 @@ int idOf(const Record &record)
     return record.isNull() ? -1 : record.data(0).get<int>();
 }
 
-QString ids(const QList<Record> &records)
-{
-    QStringList parts;
-    for (const Record &record : records)
-        parts << QString::number(idOf(record));
-    return parts.join(QLatin1Char(','));
-}
-
 // A test double that holds the rows it is given and logs every call it
-// receives, with the record ids and positions, into a log shared by all the
-// indexes of a test.
+// receives as "name.call(arguments)" into a space-separated log shared by all
+// the indexes of a test.
 class RecordingIndex : public Index
 {
 public:
-    RecordingIndex(const QString &name, QStringList *log, const char *className = "IndexList")
+    RecordingIndex(const QString &name, QString *log, const char *className = "IndexList")
         : name(name)
         , log(log)
         , className(className)
     {
     }
 
-    void clear() override
-    {
-        note(QStringLiteral("clear"));
-        rows.clear();
-    }
-    void clear(bool rebuilding) override
-    {
-        note(QStringLiteral("clear(%1)").arg(rebuilding));
-        rows.clear();
-    }
-    void build() override { note(QStringLiteral("build")); }
-    void build(bool rebuilding) override { note(QStringLiteral("build(%1)").arg(rebuilding)); }
+    void clear() override { emptied("clear"); }
+    void clear(bool rebuilding) override { emptied("clear", rebuilding); }
+    void build() override { note("build"); }
+    void build(bool rebuilding) override { note("build", rebuilding); }
     void add(const Record &record) override
     {
-        note(QStringLiteral("add(%1)").arg(idOf(record)));
+        note("add", record);
         rows.append(record);
         if (onAdd)
             onAdd(record);
@@ -61,57 +45,64 @@ public:
     void preprocess(const QList<Record> &removed, const QList<Record> &updated, int first, int last,
                     const QList<Record> &inserted, const QList<Record> &changed) override
     {
-        note(QStringLiteral("preprocess(%1|%2|%3,%4|%5|%6)")
-                 .arg(ids(removed), ids(updated))
-                 .arg(first)
-                 .arg(last)
-                 .arg(ids(inserted), ids(changed)));
+        note("preprocess", removed, updated, first, last, inserted, changed);
     }
     void process(const QList<Record> &removed, const QList<Record> &updated, int first, int last,
                  const QList<Record> &inserted) override
     {
-        note(QStringLiteral("process(%1|%2|%3,%4|%5)")
-                 .arg(ids(removed), ids(updated))
-                 .arg(first)
-                 .arg(last)
-                 .arg(ids(inserted)));
+        note("process", removed, updated, first, last, inserted);
         for (const Record &record : removed)
             rows.removeOne(record);
         rows += inserted;
     }
     bool remove(const Record &record, int position) override
     {
-        note(QStringLiteral("remove(%1,%2)").arg(idOf(record)).arg(position));
+        note("remove", record, position);
         return rows.removeOne(record);
     }
     bool filter(const Record &record) const override { return idOf(record) != rejected; }
     bool contains(const Record &record) const override { return rows.contains(record); }
     void update(const Record &record, int a, int b, int position) override
     {
-        note(QStringLiteral("update(%1,%2,%3,%4)").arg(idOf(record)).arg(a).arg(b).arg(position));
+        note("update", record, a, b, position);
     }
     int indexOf(const Record &record) const override { return rows.indexOf(record); }
-    void beginUpdate() override { note(QStringLiteral("begin")); }
-    void endUpdate() override { note(QStringLiteral("end")); }
-    void dependentBeginUpdate(Table *table) override
-    {
-        note(QStringLiteral("depBegin(%1)").arg(table->name()));
-    }
-    void dependentEndUpdate(Table *table) override
-    {
-        note(QStringLiteral("depEnd(%1)").arg(table->name()));
-    }
+    void beginUpdate() override { note("begin"); }
+    void endUpdate() override { note("end"); }
+    void dependentBeginUpdate(Table *table) override { note("depBegin", table); }
+    void dependentEndUpdate(Table *table) override { note("depEnd", table); }
     const char *getClassName() const override { return className; }
 
     QString name;
-    QStringList *log;
+    QString *log;
     const char *className;
     QList<Record> rows;
     int rejected = -1; // the id that filter() turns away
     std::function<void(const Record &)> onAdd;
 
 private:
-    void note(const QString &call) { log->append(name + QLatin1Char('.') + call); }
+    // How a call's arguments are written in the log.
+    static QString text(int number) { return QString::number(number); }
+    static QString text(const Record &record) { return text(idOf(record)); }
+    static QString text(Table *table) { return table->name(); }
+    static QString text(const QList<Record> &records)
+    {
+        QStringList ids;
+        for (const Record &record : records)
+            ids << text(record);
+        return '[' + ids.join(',') + ']';
+    }
+    template <typename... Args> void note(const char *call, const Args &...args)
+    {
+        const QStringList parts { text(args)... };
+        *log += (log->isEmpty() ? "" : " ") + name + '.' + call
+            + (parts.isEmpty() ? "" : '(' + parts.join(',') + ')');
+    }
+    template <typename... Args> void emptied(const char *call, const Args &...args)
+    {
+        note(call, args...);
+        rows.clear();
+    }
 };
 
 // A table with an integer id column and three data columns, a recording main
@@ -119,20 +110,14 @@ private:
 struct Fixture
 {
     Fixture()
-        : table(QStringLiteral("T"))
-        , main(QStringLiteral("M"), &log)
-        , a(QStringLiteral("A"), &log)
-        , b(QStringLiteral("B"), &log)
     {
         table.addColumn(QStringLiteral("id"), FieldType::Integer, 0, false);
-        table.addColumn(QStringLiteral("x"), FieldType::Integer);
-        table.addColumn(QStringLiteral("y"), FieldType::Integer);
-        table.addColumn(QStringLiteral("z"), FieldType::Integer);
+        for (const char *column : { "x", "y", "z" })
+            table.addColumn(QString::fromLatin1(column), FieldType::Integer);
         table.testingSetMainIndex(&main);
         table.addIndex(&a);
         table.addIndex(&b);
     }
-    ~Fixture() { table.testingSetMainIndex(nullptr); }
 
     Record row(int id, int x = 0) const
     {
@@ -141,37 +126,29 @@ struct Fixture
         record.data(1).set(x);
         return record;
     }
-    // Appends a row with this id and returns a handle to it, log cleared.
+    // Appends a row with this id and returns the main index's handle to it.
     Record append(int id)
     {
         unsigned char *block = table.allocRow();
         table.dataPtr(block, 0).set(id);
         table.appendRow(block);
-        log.clear();
         return main.rows.last();
     }
 
-    QStringList log;
-    Table table;
-    RecordingIndex main, a, b;
+    QString log;
+    Table table { QStringLiteral("T") };
+    RecordingIndex main { QStringLiteral("M"), &log }, a { QStringLiteral("A"), &log },
+        b { QStringLiteral("B"), &log };
 };
 
-// Whether another thread can take the table's lock now (a leaked bracket lock
-// would hang here, caught by the test timeout).
-bool lockIsFree(Table &table)
+// Takes and releases the table's lock on another thread: a bracket that leaked
+// its lock hangs here until the test timeout.
+void lockElsewhere(const Table &table)
 {
-    bool locked = false;
     std::thread([&] {
         table.lock();
-        locked = true;
         table.unlock();
     }).join();
-    return locked;
-}
-
-QStringList split(const char *calls)
-{
-    return QString::fromLatin1(calls).split(QLatin1Char(' '), Qt::SkipEmptyParts);
 }
 
 } // namespace
@@ -185,16 +162,13 @@ private Q_SLOTS:
     void initTestCase() { qRegisterMetaType<Index *>(); }
     void indexDefaults();
     void brackets();
-    void singleChangeOrder();
-    void keeperPassesPositions();
+    void singleChanges();
     void processAndAppendList();
-    void registryChangesInsideNotification();
     void clearAndReferenceCounts();
     void signalsAndNames();
-    void dependBaseForwardsOverCopy();
+    void registryChangesDuringNotification();
     void dependBaseRebuildHandover();
-    void rebuilderGroups();
-    void rebuilderTakesAsideAndRestores();
+    void rebuilder();
 };
 
 // The base operations that the index family inherits, called on the double
@@ -206,22 +180,18 @@ void tst_Table::indexDefaults()
     f.a.rebuild();
     f.a.Index::clear(true);
     f.a.Index::build(false);
-    QCOMPARE(f.log, split("A.clear(1) A.build(1) A.clear A.build"));
+    QCOMPARE(f.log, "A.clear(1) A.build(1) A.clear A.build");
 
     f.log.clear();
-    f.a.Index::process({}, {}, 0, 1, {});
-    QVERIFY(f.log.isEmpty());
     f.a.rejected = 2;
     f.a.Index::process({ one }, { two }, 0, 1, { two, three });
-    QCOMPARE(f.log, split("A.remove(1,-1) A.update(2,0,1,-1) A.add(3)"));
+    QCOMPARE(f.log, "A.remove(1,-1) A.update(2,0,1,-1) A.add(3)");
 
     // The default update re-places a record only while it passes the filter.
     f.log.clear();
     f.a.Index::update(three, 0, 1, 5);
     f.a.Index::update(two, 0, 1, 4);
-    QCOMPARE(f.log, split("A.remove(3,5) A.add(3) A.remove(2,4)"));
-    QCOMPARE(f.a.rows, QList<Record>({ three }));
-    QCOMPARE(f.a.Index::indexOf(three), -1);
+    QCOMPARE(f.log, "A.remove(3,5) A.add(3) A.remove(2,4)");
 }
 
 void tst_Table::brackets()
@@ -233,14 +203,13 @@ void tst_Table::brackets()
     f.table.beginUpdate();
     f.table.beginUpdate();
     QCOMPARE(f.table.updateDepth(), 2);
-    QCOMPARE(f.log, split("D.depBegin(T) M.begin A.begin B.begin"));
+    QCOMPARE(f.log, "D.depBegin(T) M.begin A.begin B.begin");
     f.log.clear();
     f.table.endUpdate();
     QVERIFY(f.log.isEmpty());
     f.table.endUpdate();
-    QCOMPARE(f.log, split("M.end A.end B.end D.depEnd(T)"));
-    QCOMPARE(f.table.updateDepth(), 0);
-    QVERIFY(lockIsFree(f.table));
+    QCOMPARE(f.log, "M.end A.end B.end D.depEnd(T)");
+    lockElsewhere(f.table);
 
     // Unbalanced: still notifies and leaves the table off by one, after which
     // every pair notifies (and warns at its end) with the lock kept balanced.
@@ -249,68 +218,55 @@ void tst_Table::brackets()
     QTest::ignoreMessage(QtWarningMsg, warning);
     f.table.endUpdate();
     QCOMPARE(f.table.updateDepth(), -1);
-    QCOMPARE(f.log, split("M.end A.end B.end D.depEnd(T)"));
+    QCOMPARE(f.log, "M.end A.end B.end D.depEnd(T)");
     f.log.clear();
     f.table.beginUpdate();
     QTest::ignoreMessage(QtWarningMsg, warning);
     f.table.endUpdate();
     QCOMPARE(f.table.updateDepth(), -1);
-    QCOMPARE(f.log, split("D.depBegin(T) M.begin A.begin B.begin M.end A.end B.end D.depEnd(T)"));
-    QVERIFY(lockIsFree(f.table));
+    QCOMPARE(f.log, "D.depBegin(T) M.begin A.begin B.begin M.end A.end B.end D.depEnd(T)");
+    lockElsewhere(f.table);
 }
 
-void tst_Table::singleChangeOrder()
+void tst_Table::singleChanges()
 {
     Fixture f;
-    unsigned char *block = f.table.allocRow();
-    f.table.dataPtr(block, 0).set(7);
-    f.table.appendRow(block);
-    QCOMPARE(f.log, split("M.add(7) A.add(7) B.add(7)"));
-    const Record seven = f.main.rows.first();
-
+    const Record seven = f.append(7);
+    QCOMPARE(f.log, "M.add(7) A.add(7) B.add(7)");
     f.log.clear();
     f.table.updated(seven, 1, 2, 5);
-    QCOMPARE(f.log, split("M.update(7,1,2,5) A.update(7,1,2,-1) B.update(7,1,2,-1)"));
+    QCOMPARE(f.log, "M.update(7,1,2,5) A.update(7,1,2,-1) B.update(7,1,2,-1)");
 
+    // A keeper carries the row's position in each index...
+    const Record eight = f.append(8);
+    f.b.rows.removeFirst(); // B holds only row 8, at position 0
+    const QVector<int> keeper = f.table.buildKeeper(eight);
     f.log.clear();
-    QVERIFY(f.table.remove(seven, 0));
-    QCOMPARE(f.log, split("A.remove(7,-1) B.remove(7,-1) M.remove(7,0)"));
-    QVERIFY(!f.table.remove(seven));
-
-    f.table.testingSetMainIndex(nullptr);
-    f.log.clear();
-    QVERIFY(!f.table.remove(seven));
-    QCOMPARE(f.log, split("A.remove(7,-1) B.remove(7,-1)"));
-}
-
-void tst_Table::keeperPassesPositions()
-{
-    Fixture f;
-    f.append(1);
-    const Record two = f.append(2);
-    f.b.rows.removeFirst(); // B holds only row 2, at position 0
-
-    const QVector<int> keeper = f.table.buildKeeper(two);
-    QCOMPARE(keeper, QVector<int>({ 1, 1, 0 }));
-    f.table.updated(two, keeper, 3, 4);
-    QCOMPARE(f.log, split("M.update(2,3,4,1) A.update(2,3,4,1) B.update(2,3,4,0)"));
-
-    // A keeper from before a registry change falls back to unknown positions.
+    f.table.updated(eight, keeper, 3, 4);
+    QCOMPARE(f.log, "M.update(8,3,4,1) A.update(8,3,4,1) B.update(8,3,4,0)");
+    // ...and one from before a registry change falls back to unknown positions.
     RecordingIndex c(QStringLiteral("C"), &f.log);
     f.table.addIndex(&c);
     f.log.clear();
     QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("does not match")));
-    f.table.updated(two, keeper, 3, 4);
-    QCOMPARE(f.log,
-             split("M.update(2,3,4,-1) A.update(2,3,4,-1) B.update(2,3,4,-1) C.update(2,3,4,-1)"));
+    f.table.updated(eight, keeper, 3, 4);
+    QCOMPARE(f.log, "M.update(8,3,4,-1) A.update(8,3,4,-1) B.update(8,3,4,-1) C.update(8,3,4,-1)");
+
+    f.log.clear();
+    QVERIFY(f.table.remove(seven, 0));
+    QCOMPARE(f.log, "A.remove(7,-1) B.remove(7,-1) C.remove(7,-1) M.remove(7,0)");
+    QVERIFY(!f.table.remove(seven));
+    f.table.testingSetMainIndex(nullptr);
+    f.log.clear();
+    QVERIFY(!f.table.remove(seven));
+    QCOMPARE(f.log, "A.remove(7,-1) B.remove(7,-1) C.remove(7,-1)");
 }
 
 void tst_Table::processAndAppendList()
 {
     Fixture f;
-    const Record one = f.append(1);
-    const Record two = f.append(2);
-    const Record three = f.append(3);
+    const Record one = f.append(1), two = f.append(2), three = f.append(3);
+    f.log.clear();
     for (const Record &record : { one, two })
         for (int column = 1; column <= 3; ++column)
             record.data(column).set(10 * column);
@@ -325,8 +281,9 @@ void tst_Table::processAndAppendList()
     f.table.process({ three }, updated, 1, 2, inserted, changed);
 
     QCOMPARE(f.log,
-             split("A.preprocess(3|1,2|1,2|4|1,2) B.preprocess(3|1,2|1,2|4|1,2) "
-                   "M.process(3|1,2|1,2|4) A.process(3|1,2|1,2|4) B.process(3|1,2|1,2|4)"));
+             "A.preprocess([3],[1,2],1,2,[4],[1,2]) B.preprocess([3],[1,2],1,2,[4],[1,2]) "
+             "M.process([3],[1,2],1,2,[4]) A.process([3],[1,2],1,2,[4]) "
+             "B.process([3],[1,2],1,2,[4])");
     QCOMPARE(one.data(1).get<int>(), 11);
     QCOMPARE(one.data(2).get<int>(), 21);
     QCOMPARE(one.data(3).get<int>(), 30);
@@ -342,36 +299,12 @@ void tst_Table::processAndAppendList()
 
     f.log.clear();
     f.table.appendList({ f.row(5), f.row(6) });
-    QCOMPARE(f.log,
-             split("A.preprocess(||-1,-1|5,6|) B.preprocess(||-1,-1|5,6|) "
-                   "M.process(||-1,-1|5,6) A.process(||-1,-1|5,6) B.process(||-1,-1|5,6)"));
-}
-
-void tst_Table::registryChangesInsideNotification()
-{
-    Fixture f;
-    RecordingIndex c(QStringLiteral("C"), &f.log);
-    f.a.onAdd = [&](const Record &) {
-        if (f.table.indexes().contains(&f.b)) {
-            f.table.removeIndex(&f.b);
-            f.table.addIndex(&c);
-        }
-    };
-    unsigned char *block = f.table.allocRow();
-    f.table.dataPtr(block, 0).set(1);
-    f.table.appendRow(block);
-    QCOMPARE(f.log, split("M.add(1) A.add(1) B.add(1)"));
-
-    f.log.clear();
-    f.table.beginUpdate();
-    f.table.endUpdate();
-    QCOMPARE(f.log, split("M.begin A.begin C.begin M.end A.end C.end"));
+    QVERIFY(f.log.contains(QLatin1String("M.process([],[],-1,-1,[5,6])")));
 }
 
 void tst_Table::clearAndReferenceCounts()
 {
     Fixture f;
-    f.append(1);
     Record watched = f.append(2);
     QVERIFY(watched.dump().contains(QLatin1String("ref:4"))); // M, A, B and `watched`
 
@@ -384,24 +317,21 @@ void tst_Table::clearAndReferenceCounts()
 
     f.log.clear();
     f.table.clear();
-    QCOMPARE(f.log, split("M.begin A.begin B.begin A.clear B.clear M.clear M.end A.end B.end"));
-    QCOMPARE(f.table.updateDepth(), 0);
+    QCOMPARE(f.log, "M.begin A.begin B.begin A.clear B.clear M.clear M.end A.end B.end");
     QCOMPARE(watched.refCount(), 1);
-    QVERIFY(f.main.rows.isEmpty());
 }
 
 void tst_Table::signalsAndNames()
 {
     Fixture f;
     RecordingIndex c(QStringLiteral("C"), &f.log);
-    QStringList order;
-    connect(&f.table, &Table::indexAdded, this, [&](Index *) { order << "added"; });
-    connect(&f.table, &Table::indexRemoved, this, [&](Index *) { order << "removed"; });
+    QString order; // the signals, in the order they came
+    connect(&f.table, &Table::indexAdded, this, [&] { order += " added"; });
+    connect(&f.table, &Table::indexRemoved, this, [&] { order += " removed"; });
     connect(&f.table, &Table::indexNameUpdated, this,
-            [&](Index *, const QString &name) { order << "named:" + name; });
-    connect(&f.table, &Table::dependentIndexAdded, this, [&](Index *) { order << "depAdded"; });
-    connect(&f.table, &Table::dependentIndexRemoved, this, [&](Index *) { order << "depRemoved"; });
-    QSignalSpy removedSpy(&f.table, &Table::indexRemoved);
+            [&](Index *, const QString &name) { order += " named:" + name; });
+    connect(&f.table, &Table::dependentIndexAdded, this, [&] { order += " depAdded"; });
+    connect(&f.table, &Table::dependentIndexRemoved, this, [&] { order += " depRemoved"; });
 
     f.table.addIndex(&c);
     f.table.setIndexName(QStringLiteral("zeta"), &c);
@@ -409,18 +339,13 @@ void tst_Table::signalsAndNames()
     f.table.setIndexName(QStringLiteral("beta"), &f.a);
     f.table.addDependentIndex(&f.b);
     f.table.removeDependentIndex(&f.b);
-    QCOMPARE(order,
-             QStringList(
-                 { "added", "named:zeta", "named:alpha", "named:beta", "depAdded", "depRemoved" }));
+    QCOMPARE(order, " added named:zeta named:alpha named:beta depAdded depRemoved");
     QCOMPARE(f.table.indexName(&c), QStringLiteral("alpha"));
     QCOMPARE(f.table.namedIndex(QStringLiteral("zeta")), &c);
-    QCOMPARE(f.table.namedIndex(QStringLiteral("never")), nullptr);
-    QCOMPARE(f.table.indexName(&f.b), QString());
 
     // Removing drops only the first name; a name may be taken over.
     f.table.removeIndex(&c);
-    QCOMPARE(removedSpy.count(), 1);
-    QCOMPARE(removedSpy.at(0).at(0).value<Index *>(), &c);
+    QVERIFY(order.endsWith(QLatin1String(" removed")));
     QCOMPARE(f.table.indexes(), QList<Index *>({ &f.a, &f.b }));
     QCOMPARE(f.table.namedIndex(QStringLiteral("alpha")), nullptr);
     QCOMPARE(f.table.namedIndex(QStringLiteral("zeta")), &c);
@@ -429,23 +354,30 @@ void tst_Table::signalsAndNames()
     QCOMPARE(f.table.indexName(&f.a), QStringLiteral("beta"));
 }
 
-void tst_Table::dependBaseForwardsOverCopy()
+// The table and the dependent-index base notify over a copy of their lists, so
+// an index may change the registry during a call; the base forwards every call.
+void tst_Table::registryChangesDuringNotification()
 {
-    QStringList log;
     Fixture f;
-    const Record one = f.row(1);
+    RecordingIndex c(QStringLiteral("C"), &f.log);
+    f.a.onAdd = [&](const Record &) {
+        if (f.table.indexes().contains(&f.b)) {
+            f.table.removeIndex(&f.b);
+            f.table.addIndex(&c);
+        }
+    };
+    const Record one = f.append(1);
+    QCOMPARE(f.log, "M.add(1) A.add(1) B.add(1)");
 
-    IndexDependBase empty;
-    empty.add(one);
-    QVERIFY(!empty.remove(one, 0));
-    empty.update(one, 1, 2, 3);
-    empty.process({ one }, { one }, 0, 1, { one });
-    empty.rebuild();
-    QCOMPARE(empty.getClassName(), "IndexDependBase");
+    f.log.clear();
+    f.table.beginUpdate();
+    f.table.endUpdate();
+    QCOMPARE(f.log, "M.begin A.begin C.begin M.end A.end C.end");
 
+    f.log.clear();
     IndexDependBase depend;
-    RecordingIndex d1(QStringLiteral("D1"), &log), d2(QStringLiteral("D2"), &log),
-        d3(QStringLiteral("D3"), &log);
+    RecordingIndex d1(QStringLiteral("D1"), &f.log), d2(QStringLiteral("D2"), &f.log),
+        d3(QStringLiteral("D3"), &f.log);
     depend.addDependentIndex(&d1);
     depend.addDependentIndex(&d2);
     d1.onAdd = [&](const Record &) {
@@ -453,11 +385,11 @@ void tst_Table::dependBaseForwardsOverCopy()
         depend.addDependentIndex(&d3);
     };
     depend.add(one);
-    QCOMPARE(log, split("D1.add(1) D2.add(1)"));
+    QCOMPARE(f.log, "D1.add(1) D2.add(1)");
     QCOMPARE(depend.dependentIndexes(), QList<Index *>({ &d1, &d3 }));
 
     d1.onAdd = nullptr;
-    log.clear();
+    f.log.clear();
     QVERIFY(depend.remove(one, 4)); // d1 held it
     QVERIFY(!depend.remove(one, 4));
     depend.update(one, 1, 2, 3);
@@ -465,16 +397,17 @@ void tst_Table::dependBaseForwardsOverCopy()
     depend.process({}, { one }, 0, 1, {});
     depend.clear();
     depend.build(false);
-    QCOMPARE(log,
-             split("D1.remove(1,4) D3.remove(1,4) D1.remove(1,4) D3.remove(1,4) "
-                   "D1.update(1,1,2,3) D3.update(1,1,2,3) "
-                   "D1.preprocess(1||0,1||1) D3.preprocess(1||0,1||1) "
-                   "D1.process(|1|0,1|) D3.process(|1|0,1|) D1.clear D3.clear D1.build D3.build"));
+    QCOMPARE(f.log,
+             "D1.remove(1,4) D3.remove(1,4) D1.remove(1,4) D3.remove(1,4) "
+             "D1.update(1,1,2,3) D3.update(1,1,2,3) "
+             "D1.preprocess([1],[],0,1,[],[1]) D3.preprocess([1],[],0,1,[],[1]) "
+             "D1.process([],[1],0,1,[]) D3.process([],[1],0,1,[]) D1.clear D3.clear D1.build "
+             "D3.build");
 }
 
 void tst_Table::dependBaseRebuildHandover()
 {
-    QStringList log;
+    QString log;
     Table t1(QStringLiteral("T1")), t2(QStringLiteral("T2"));
     RecordingIndex d1(QStringLiteral("D1"), &log), d2(QStringLiteral("D2"), &log),
         d3(QStringLiteral("D3"), &log), loose(QStringLiteral("L"), &log),
@@ -482,8 +415,6 @@ void tst_Table::dependBaseRebuildHandover()
     t1.addIndex(&stays);
     t1.addIndex(&d1);
     t1.addIndex(&d2);
-    t1.setIndexName(QStringLiteral("one"), &d1);
-    t1.setIndexName(QStringLiteral("first"), &d1);
     t2.addIndex(&d3);
 
     IndexDependBase depend;
@@ -496,31 +427,28 @@ void tst_Table::dependBaseRebuildHandover()
     QCOMPARE(depend.pendingRebuilders(), 3);
     QCOMPARE(t1.indexes(), QList<Index *>({ &stays }));
     QCOMPARE(t2.indexes(), QList<Index *>());
-    QCOMPARE(t1.namedIndex(QStringLiteral("first")), nullptr);
-    QCOMPARE(log, split("D1.clear(1) D2.clear(1) D3.clear(1) L.clear(1)"));
     depend.clear(true); // already aside: nothing more happens
     QCOMPARE(depend.pendingRebuilders(), 3);
+    QCOMPARE(log, "D1.clear(1) D2.clear(1) D3.clear(1) L.clear(1)");
 
     log.clear();
     depend.build(true);
     QCOMPARE(depend.pendingRebuilders(), 0);
-    QCOMPARE(log, split("D1.build(1) D2.build(1) D3.build(1) L.build(1)"));
+    QCOMPARE(log, "D1.build(1) D2.build(1) D3.build(1) L.build(1)");
     QCOMPARE(t1.indexes(), QList<Index *>({ &stays, &d1, &d2 }));
     QCOMPARE(t2.indexes(), QList<Index *>({ &d3 }));
-    QCOMPARE(t1.namedIndex(QStringLiteral("one")), &d1);
-    QCOMPARE(t1.namedIndex(QStringLiteral("first")), &d1);
 }
 
-void tst_Table::rebuilderGroups()
+// The rebuilder sorts indexes into groups by class name, takes them off the
+// table and puts them back, joins first, with their names.
+void tst_Table::rebuilder()
 {
-    QStringList log;
-    std::vector<std::unique_ptr<RecordingIndex>> owned;
+    Fixture f;
+    std::list<RecordingIndex> owned;
     QList<Index *> indexes;
     for (const char *className : { "IndexSort", "TableJoinDep", "IndexDependBase", "tablejoinX",
-                                   "TableJoinMain", "indexDependX", "IndexDependX", "TableJoi" }) {
-        owned.push_back(std::make_unique<RecordingIndex>(className, &log, className));
-        indexes << owned.back().get();
-    }
+                                   "TableJoinMain", "indexDependX", "IndexDependX", "TableJoi" })
+        indexes << &owned.emplace_back(className, &f.log, className);
     const TableIndexRebuilder::IndexGroups found = TableIndexRebuilder::detectIndexGroup(indexes);
     QStringList parts;
     for (const QList<Index *> &group : { found.joins, found.dependents, found.others }) {
@@ -532,11 +460,7 @@ void tst_Table::rebuilderGroups()
     QCOMPARE(parts,
              QStringList({ "TableJoinDep,TableJoinMain", "IndexDependBase,IndexDependX",
                            "IndexSort,tablejoinX,indexDependX,TableJoi" }));
-}
 
-void tst_Table::rebuilderTakesAsideAndRestores()
-{
-    Fixture f;
     RecordingIndex join(QStringLiteral("J"), &f.log, "TableJoinMain");
     IndexDependBase depend;
     f.table.addIndex(&join);
@@ -550,21 +474,19 @@ void tst_Table::rebuilderTakesAsideAndRestores()
 
     {
         TableIndexRebuilder rebuilder(&f.table);
-        QCOMPARE(rebuilder.indexes(), before);
         QCOMPARE(f.table.indexes(), QList<Index *>());
-        QCOMPARE(f.table.namedIndex(QStringLiteral("a2")), nullptr);
         QCOMPARE(removed.count(), 4);
-        QCOMPARE(f.log, split("A.clear(1) B.clear(1) J.clear(1)"));
+        QCOMPARE(f.log, "A.clear(1) B.clear(1) J.clear(1)");
 
         // Aside, the indexes hear nothing; the main index still does.
         f.log.clear();
         f.append(1);
         f.table.beginUpdate();
         f.table.endUpdate();
-        QCOMPARE(f.log, split("M.begin M.end"));
+        QCOMPARE(f.log, "M.add(1) M.begin M.end");
         f.log.clear();
     }
-    QCOMPARE(f.log, split("J.build(1) A.build(1) B.build(1)"));
+    QCOMPARE(f.log, "J.build(1) A.build(1) B.build(1)");
     QCOMPARE(f.table.indexes(), before);
     QCOMPARE(added.count(), 4);
     QCOMPARE(f.table.namedIndex(QStringLiteral("a1")), &f.a);
@@ -581,7 +503,7 @@ void tst_Table::rebuilderTakesAsideAndRestores()
         delete gone;
         QCOMPARE(rebuilder.table(), nullptr);
     }
-    QCOMPARE(f.log, split("G1.clear(1) G1.build(1)"));
+    QCOMPARE(f.log, "G1.clear(1) G1.build(1)");
 }
 
 QTEST_GUILESS_MAIN(tst_Table)
