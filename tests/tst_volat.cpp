@@ -1,6 +1,5 @@
 #include <database/volat.h>
 
-#include <QFile>
 #include <QtTest>
 
 #include <cmath>
@@ -15,9 +14,10 @@ VolatInputParams input(double strike, double price, double sqrtTime)
     return VolatInputParams { strike, price, sqrtTime, 20, 5, 2, 3, 0.5, 0.1, 1, 100 };
 }
 
-bool closeRel(double actual, double expected, double rel)
+// The call (or put) price at a volatility in percent.
+double priceAt(const VolatInputParams &in, double volat, bool put = false)
 {
-    return std::fabs(actual - expected) <= rel * std::fabs(expected) + 1e-300;
+    return theorPriceForOutOfTheMoney(volat / 100, in.sqrtTime, put, in.price, in.strike);
 }
 } // namespace
 
@@ -25,19 +25,17 @@ class TestVolat : public QObject
 {
     Q_OBJECT
 private slots:
-    void normalDistribution();
-    void againstReference();
-    void impliedVolatilityRoundTrip();
-    void intrinsicAndInvalidInputs();
-    void smile();
-    void solverPhases();
+    void againstReferences();
+    void intrinsicSmileAndInvalidInputs();
+    void impliedVolatility();
 };
 
-void TestVolat::normalDistribution()
+// The normal distribution against erfc, then prices and sensitivities against
+// gen_volat_reference.py (exact normal distribution); each row of its table
+// holds strike price sqrtTime sigma call put deltaCall deltaPut gamma vega theta.
+void TestVolat::againstReferences()
 {
-    QCOMPARE(norm_cdf(10.5), 1.0);
-    QCOMPARE(norm_cdf(-10.5), 0.0);
-    QCOMPARE(norm_pdf(0), 0.3989422804014327);
+    QVERIFY(norm_cdf(10.5) == 1.0 && norm_cdf(-10.5) == 0.0);
     double worst = 0;
     for (double x = -9.99; x < 10; x += 0.01)
         worst = std::max(worst, std::fabs(norm_cdf(x) - 0.5 * std::erfc(-x / std::sqrt(2.0))));
@@ -46,162 +44,109 @@ void TestVolat::normalDistribution()
     QVERIFY(std::fabs(theorPriceForInTheMoney(0.5, 0.3, 100)
                       - theorPriceForOutOfTheMoney(0.3, 0.5, false, 100, 100))
             < 1e-12);
-}
 
-void TestVolat::againstReference()
-{
     QFile file(QStringLiteral(TESTDATA_DIR "/volat_reference.txt"));
     QVERIFY(file.open(QIODevice::ReadOnly | QIODevice::Text));
+    QTextStream stream(&file);
+    stream.readLine(); // the generator's note
+    double v[11];
     int rows = 0;
-    while (!file.atEnd()) {
-        const QByteArray line = file.readLine().trimmed();
-        if (line.isEmpty() || line.startsWith('#'))
-            continue;
-        const QList<QByteArray> f = line.split(' ');
-        QCOMPARE(f.size(), 11);
-        double v[11];
-        for (int i = 0; i < 11; ++i)
-            v[i] = f[i].toDouble();
-        const VolatInputParams in = input(v[0], v[1], v[2]);
-        const double sigma = v[3];
-        const double priceError = (in.strike + in.price) * kCdfError;
-        const QString where = QString::fromLatin1(line);
-
-        VolatOutputParams norm {};
-        calcVolatParamsNorm(norm, in, sigma);
-        VolatOutputParams pct {};
-        calcVolatParams(pct, in, sigma * 100);
-        for (const VolatOutputParams &out : { norm, pct }) {
-            QVERIFY2(std::fabs(out.priceCall - v[4]) <= priceError, qPrintable(where));
-            QVERIFY2(std::fabs(out.pricePut - v[5]) <= priceError, qPrintable(where));
-            QVERIFY2(std::fabs(out.deltaCall - v[6]) <= kCdfError, qPrintable(where));
-            QVERIFY2(std::fabs(out.deltaPut - v[7]) <= kCdfError, qPrintable(where));
-            QVERIFY2(closeRel(out.gamma, v[8], 1e-9), qPrintable(where));
-            QVERIFY2(closeRel(out.theta, v[10], 1e-9), qPrintable(where));
+    for (; (stream >> v[0]).status() == QTextStream::Ok; ++rows) {
+        stream >> v[1] >> v[2] >> v[3] >> v[4] >> v[5] >> v[6] >> v[7] >> v[8] >> v[9] >> v[10];
+        VolatOutputParams o {};
+        calcVolatParams(o, input(v[0], v[1], v[2]), v[3] * 100);
+        // Vega comes per percentage point.
+        const double put = theorPriceForOutOfTheMoney(v[3], v[2], true, v[1], v[0]);
+        const double got[] = { o.priceCall, o.pricePut, put,          o.deltaCall,
+                               o.deltaPut,  o.gamma,    o.vega * 100, o.theta };
+        const double want[] = { v[4], v[5], v[5], v[6], v[7], v[8], v[9], v[10] };
+        for (int i = 0; i < 8; ++i) {
+            const double tolerance = i < 3 ? (v[0] + v[1]) * kCdfError
+                : i < 5                    ? kCdfError
+                                           : 1e-9 * std::fabs(want[i]) + 1e-300;
+            QVERIFY2(std::fabs(got[i] - want[i]) <= tolerance,
+                     qPrintable(QString::asprintf("row %d, output %d", rows, i)));
         }
-        QVERIFY2(closeRel(norm.vega, v[9], 1e-9), qPrintable(where));
-        QVERIFY2(closeRel(pct.vega, v[9] / 100, 1e-9), qPrintable(where));
-        const double put
-            = theorPriceForOutOfTheMoney(sigma, in.sqrtTime, true, in.price, in.strike);
-        QVERIFY2(std::fabs(put - v[5]) <= priceError, qPrintable(where));
-        ++rows;
     }
     QCOMPARE(rows, 240);
 }
 
-void TestVolat::impliedVolatilityRoundTrip()
+void TestVolat::intrinsicSmileAndInvalidInputs()
 {
-    const double priceTolerance = 1e-9;
-    const double volatTolerance = 1e-7;
+    // A volatility of 0 sets only the prices, to the intrinsic values.
+    VolatOutputParams out { 7, 7, 7, 7, 7, 7, 7 };
+    calcVolatParams(out, input(90, 100, 0.5), 0);
+    QVERIFY(out.priceCall == 10 && out.pricePut == 0 && out.deltaCall == 7 && out.vega == 7);
+    calcVolatParams(out, input(100, 90, 0.5), 0);
+    QVERIFY(out.priceCall == 0 && out.pricePut == 10);
+    calcVolatParams(out, input(100, 100, 0.5), 0);
+    QVERIFY(out.priceCall == 0 && out.pricePut == 0);
+    // Inputs that cannot be priced change nothing.
+    out = { 7, 7, 7, 7, 7, 7, 7 };
+    for (const VolatInputParams &in :
+         { input(0, 100, 0.5), input(100, -1, 0.5), input(100, 100, 0) }) {
+        calcVolatParams(out, in, 20);
+        calcVolatParamsNorm(out, in, 0.2);
+        QCOMPARE(volatByTheorPrice(in, false, 0, 20, 1, 300, 1e-6, 1e-6), -1.0);
+    }
+    calcVolatParamsNorm(out, input(100, 100, 0.5), 0);
+    QVERIFY(out.priceCall == 7 && out.gamma == 7);
+
+    VolatInputParams in = input(110, 100, 0.5);
+    QCOMPARE(volatByCurve(in), 20.35312505801888);
+    QCOMPARE(volatByCurve(input(90, 100, 0.5)), 19.9532121982977);
+    // A negative volatility prices at the smile's volatility.
+    VolatOutputParams bySmile {}, byValue {};
+    calcVolatParams(bySmile, in, -1);
+    calcVolatParams(byValue, in, volatByCurve(in));
+    QVERIFY(bySmile.priceCall == byValue.priceCall && bySmile.vega == byValue.vega);
+    in.curveAmplitude = 1e6;
+    QCOMPARE(volatByCurve(in), in.curveMax);
+    in.curveAmplitude = -1e6;
+    QCOMPARE(volatByCurve(in), in.curveMin);
+}
+
+void TestVolat::impliedVolatility()
+{
+    // Round trips: the price at the found volatility matches, or the
+    // volatility itself does.
     for (double strike : { 60.0, 95.0, 100.0, 130.0, 200.0 })
         for (double days : { 3.0, 45.0, 400.0 })
             for (double volat : { 4.0, 25.0, 90.0, 250.0 })
                 for (bool put : { false, true })
                     for (double start : { 0.0, 10.0, 150.0 }) {
                         const VolatInputParams in = input(strike, 100, std::sqrt(days / 365));
-                        const double target = theorPriceForOutOfTheMoney(volat / 100, in.sqrtTime,
-                                                                         put, in.price, in.strike);
-                        const double found = volatByTheorPrice(in, put, target, start, 1, 300,
-                                                               priceTolerance, volatTolerance);
-                        const double priceThere = theorPriceForOutOfTheMoney(
-                            found / 100, in.sqrtTime, put, in.price, in.strike);
-                        const QString where
-                            = QStringLiteral("K=%1 days=%2 v=%3 put=%4 start=%5 -> %6")
-                                  .arg(strike)
-                                  .arg(days)
-                                  .arg(volat)
-                                  .arg(put)
-                                  .arg(start)
-                                  .arg(found, 0, 'g', 17);
-                        QVERIFY2(found > 0, qPrintable(where));
-                        QVERIFY2(std::fabs(priceThere - target) <= priceTolerance
-                                     || std::fabs(found - volat) <= volatTolerance,
-                                 qPrintable(where));
+                        const double target = priceAt(in, volat, put);
+                        const double found
+                            = volatByTheorPrice(in, put, target, start, 1, 300, 1e-9, 1e-7);
+                        QVERIFY2(found > 0
+                                     && (std::fabs(priceAt(in, found, put) - target) <= 1e-9
+                                         || std::fabs(found - volat) <= 1e-7),
+                                 qPrintable(QString::asprintf("K=%g days=%g v=%g put=%d start=%g",
+                                                              strike, days, volat, put, start)));
                     }
-}
 
-void TestVolat::intrinsicAndInvalidInputs()
-{
-    const double untouched = 7;
-    const VolatOutputParams filled { untouched, untouched, untouched, untouched,
-                                     untouched, untouched, untouched };
-    struct Case
-    {
-        double strike, price, call, put;
-    };
-    for (const Case c :
-         { Case { 100, 100, 0, 0 }, Case { 90, 100, 10, 0 }, Case { 100, 90, 0, 10 } }) {
-        VolatOutputParams out = filled;
-        calcVolatParams(out, input(c.strike, c.price, 0.5), 0);
-        QCOMPARE(out.priceCall, c.call);
-        QCOMPARE(out.pricePut, c.put);
-        QCOMPARE(out.deltaCall, untouched);
-        QCOMPARE(out.vega, untouched);
-    }
-    for (const VolatInputParams &in :
-         { input(0, 100, 0.5), input(100, -1, 0.5), input(100, 100, 0) }) {
-        VolatOutputParams out = filled;
-        calcVolatParams(out, in, 20);
-        calcVolatParamsNorm(out, in, 0.2);
-        QCOMPARE(out.priceCall, untouched);
-        QCOMPARE(out.gamma, untouched);
-        QCOMPARE(volatByTheorPrice(in, false, 0, 20, 1, 300, 1e-6, 1e-6), -1.0);
-    }
-    VolatOutputParams out = filled;
-    calcVolatParamsNorm(out, input(100, 100, 0.5), 0);
-    QCOMPARE(out.priceCall, untouched);
-}
-
-void TestVolat::smile()
-{
-    // A negative volatility prices at the smile's volatility.
     const VolatInputParams in = input(110, 100, 0.5);
-    QCOMPARE(volatByCurve(in), 20.35312505801888);
-    QCOMPARE(volatByCurve(input(90, 100, 0.5)), 19.9532121982977);
-    VolatOutputParams bySmile {};
-    VolatOutputParams byValue {};
-    calcVolatParams(bySmile, in, -1);
-    calcVolatParams(byValue, in, volatByCurve(in));
-    QCOMPARE(bySmile.priceCall, byValue.priceCall);
-    QCOMPARE(bySmile.vega, byValue.vega);
-
-    VolatInputParams clamped = in;
-    clamped.curveAmplitude = 1e6;
-    QCOMPARE(volatByCurve(clamped), clamped.curveMax);
-    clamped.curveAmplitude = -1e6;
-    QCOMPARE(volatByCurve(clamped), clamped.curveMin);
-}
-
-void TestVolat::solverPhases()
-{
-    const VolatInputParams in = input(110, 100, 0.5);
-    const auto call = [&](double sigma) {
-        return theorPriceForOutOfTheMoney(sigma, in.sqrtTime, false, in.price, in.strike);
-    };
     // Start 0 means 50 %; an exact hit there succeeds even with tolerance 0.
-    QCOMPARE(volatByTheorPrice(in, false, call(0.5), 0, 1, 300, 0, 1e-6), 50.0);
+    QCOMPARE(volatByTheorPrice(in, false, priceAt(in, 50), 0, 1, 300, 0, 1e-6), 50.0);
     // Newton accepts a difference equal to the tolerance.
-    const double target = call(0.3) + 0.01;
-    QCOMPARE(volatByTheorPrice(in, false, target, 30, 1, 300, target - call(0.3), 1e-6), 30.0);
-
+    const double target = priceAt(in, 30) + 0.01;
+    QCOMPARE(volatByTheorPrice(in, false, target, 30, 1, 300, target - priceAt(in, 30), 1e-6),
+             30.0);
     // A start outside [40, 100] goes straight to bisection, whose first probe
-    // is half the width, 30 %, below the interval itself; the midpoint would
-    // converge to 40 instead.
-    const double probe = (100.0 / 100 - 40.0 / 100) * 0.5;
-    const double atProbe = call(probe);
-    QCOMPARE(volatByTheorPrice(in, false, atProbe, 120, 40, 100, 1e-9, 1e-6), probe * 100);
-    // The bisection accepts only a difference strictly below the tolerance.
-    const double nearProbe = atProbe + 1e-3;
-    QCOMPARE(volatByTheorPrice(in, false, nearProbe, 120, 40, 100, 2e-3, 1e-6), probe * 100);
+    // is half the width, 30 %, below the interval; the midpoint would converge
+    // to 40 instead. The bisection accepts only a difference strictly below
+    // the tolerance.
+    const double atProbe = priceAt(in, 30), nearProbe = atProbe + 1e-3;
+    QCOMPARE(volatByTheorPrice(in, false, atProbe, 120, 40, 100, 1e-9, 1e-6), 30.0);
+    QCOMPARE(volatByTheorPrice(in, false, nearProbe, 120, 40, 100, 2e-3, 1e-6), 30.0);
     QVERIFY(volatByTheorPrice(in, false, nearProbe, 120, 40, 100, nearProbe - atProbe, 1e-6) > 39);
-
     // An unreachable price: the bisection ends at the top of the interval when
     // it may run, and -1 when either tolerance rules it out.
-    const double tooHigh = in.price;
-    QVERIFY(std::fabs(volatByTheorPrice(in, false, tooHigh, 20, 1, 300, 1e-9, 1e-6) - 300) < 1e-5);
-    QCOMPARE(volatByTheorPrice(in, false, tooHigh, 20, 1, 300, 0, 1e-6), -1.0);
-    QCOMPARE(volatByTheorPrice(in, false, tooHigh, 20, 1, 300, 1e-9, 0), -1.0);
-    QCOMPARE(volatByTheorPrice(in, false, call(0.2), 20, 60, 50, 1e-9, 1e-6), -1.0);
+    QVERIFY(std::fabs(volatByTheorPrice(in, false, in.price, 20, 1, 300, 1e-9, 1e-6) - 300) < 1e-5);
+    QCOMPARE(volatByTheorPrice(in, false, in.price, 20, 1, 300, 0, 1e-6), -1.0);
+    QCOMPARE(volatByTheorPrice(in, false, in.price, 20, 1, 300, 1e-9, 0), -1.0);
+    QCOMPARE(volatByTheorPrice(in, false, priceAt(in, 20), 20, 60, 50, 1e-9, 1e-6), -1.0);
 }
 
 QTEST_APPLESS_MAIN(TestVolat)

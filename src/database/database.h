@@ -12,6 +12,7 @@
 #include <database/decimal.h>
 #include <database/exception.h>
 #include <database/field.h>
+#include <database/fielddefconvertor.h>
 #include <database/fieldtype.h>
 #include <database/index.h>
 #include <database/indexdepend.h>
@@ -30,6 +31,7 @@
 #include <database/settings/qtjsonsettings.h>
 #include <database/settings/settings.h>
 #include <database/table.h>
+#include <database/tableio.h>
 #include <database/tablerebuilder.h>
 #include <database/undo.h>
 #include <database/volat.h>

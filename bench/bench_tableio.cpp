@@ -1,0 +1,244 @@
+// Table files: save and load of a million-row table, plain and gzip, against
+// their peers measured in the same run on the same bytes: writing and reading
+// the plain file's bytes raw, and zlib compressing and decompressing them
+// alone (in memory, gzip format, level 6). Prints the ratios at the end
+// (table file rate / peer rate; 1 means no overhead over the peer).
+#include <core/icore.h>
+#include <database/decimal.h>
+#include <database/masterindex.h>
+#include <database/table.h>
+#include <database/tableio.h>
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <benchmark/benchmark.h>
+#include <zlib.h>
+
+#include <cstdio>
+#include <map>
+#include <memory>
+
+namespace {
+
+const int kRows = 1000000;
+
+std::unique_ptr<Table> makeQuotes(int rows)
+{
+    auto table = std::make_unique<Table>(QStringLiteral("quotes"));
+    table->addColumn(QStringLiteral("id"), FieldType::Integer, 0, false);
+    table->addColumn(QStringLiteral("instrument"), FieldType::VarChar, 8);
+    table->addColumn(QStringLiteral("price"), FieldType::Decimal, 4);
+    table->addColumn(QStringLiteral("quantity"), FieldType::Double);
+    table->addColumn(QStringLiteral("time"), FieldType::DateTime);
+    table->addColumn(QStringLiteral("volume"), FieldType::Integer64);
+    table->setMasterIndex(new MasterIndex_Column_Pure(table.get(), QStringLiteral("id")));
+    for (int i = 0; i < rows; ++i) {
+        unsigned char *row = table->allocRow();
+        table->dataPtr(row, 0).set<qint32>(i);
+        table->dataPtr(row, 1) = QStringLiteral("SEC%1").arg(i % 5000);
+        table->dataPtr(row, 2).set<quint64>(decimal(10000 + i % 977, 2).raw());
+        table->dataPtr(row, 3).set<double>((i % 1000) * 0.5);
+        table->dataPtr(row, 4).set<qint64>(1600000000000LL + i * 37LL);
+        table->dataPtr(row, 5).set<qint64>(qint64(i) * 1000);
+        table->appendRow(row);
+    }
+    return table;
+}
+
+// The shared fixture: the table, a directory and the plain file's bytes.
+struct Fixture
+{
+    Fixture()
+        : source(makeQuotes(kRows))
+        , target(makeQuotes(0))
+    {
+        DefaultCore::global()->setCompressTableFiles(false);
+        TableIO(source.get()).write(QDir(dir.path()));
+        QFile file(QDir(dir.path()).filePath(QStringLiteral("quotes")));
+        file.open(QIODevice::ReadOnly);
+        plain = file.readAll();
+        compressed = zlibCompress(plain);
+    }
+
+    static QByteArray zlibCompress(const QByteArray &input)
+    {
+        z_stream z {};
+        deflateInit2(&z, 6, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY);
+        QByteArray out(int(deflateBound(&z, uLong(input.size()))), Qt::Uninitialized);
+        z.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(input.constData()));
+        z.avail_in = uInt(input.size());
+        z.next_out = reinterpret_cast<Bytef *>(out.data());
+        z.avail_out = uInt(out.size());
+        deflate(&z, Z_FINISH);
+        out.resize(int(z.total_out));
+        deflateEnd(&z);
+        return out;
+    }
+
+    QTemporaryDir dir;
+    std::unique_ptr<Table> source;
+    std::unique_ptr<Table> target;
+    QByteArray plain;
+    QByteArray compressed;
+};
+
+Fixture &fixture()
+{
+    static Fixture f;
+    return f;
+}
+
+void setBytes(benchmark::State &state)
+{
+    state.SetBytesProcessed(int64_t(state.iterations()) * fixture().plain.size());
+}
+
+void BM_SavePlain(benchmark::State &state)
+{
+    Fixture &f = fixture();
+    DefaultCore::global()->setCompressTableFiles(false);
+    TableIO io(f.source.get());
+    for (auto _ : state)
+        if (!io.write(QDir(f.dir.path())))
+            state.SkipWithError("save failed");
+    setBytes(state);
+}
+
+void BM_LoadPlain(benchmark::State &state)
+{
+    Fixture &f = fixture();
+    DefaultCore::global()->setCompressTableFiles(false);
+    TableIO(f.source.get()).write(QDir(f.dir.path()));
+    TableIO io(f.target.get());
+    for (auto _ : state)
+        if (!io.read(QDir(f.dir.path()), false) || f.target->rowCount() != kRows)
+            state.SkipWithError("load failed");
+    setBytes(state);
+}
+
+void BM_SaveGzip(benchmark::State &state)
+{
+    Fixture &f = fixture();
+    DefaultCore::global()->setCompressTableFiles(true);
+    TableIO io(f.source.get());
+    for (auto _ : state)
+        if (!io.write(QDir(f.dir.path())))
+            state.SkipWithError("save failed");
+    setBytes(state);
+}
+
+void BM_LoadGzip(benchmark::State &state)
+{
+    Fixture &f = fixture();
+    DefaultCore::global()->setCompressTableFiles(true);
+    TableIO(f.source.get()).write(QDir(f.dir.path()));
+    TableIO io(f.target.get());
+    for (auto _ : state)
+        if (!io.read(QDir(f.dir.path()), false) || f.target->rowCount() != kRows)
+            state.SkipWithError("load failed");
+    setBytes(state);
+}
+
+void BM_RawWrite(benchmark::State &state)
+{
+    Fixture &f = fixture();
+    const QString path = QDir(f.dir.path()).filePath(QStringLiteral("raw"));
+    for (auto _ : state) {
+        QFile file(path);
+        if (!file.open(QIODevice::WriteOnly) || file.write(f.plain) != f.plain.size())
+            state.SkipWithError("write failed");
+    }
+    setBytes(state);
+}
+
+void BM_RawRead(benchmark::State &state)
+{
+    Fixture &f = fixture();
+    const QString path = QDir(f.dir.path()).filePath(QStringLiteral("raw"));
+    {
+        QFile file(path);
+        file.open(QIODevice::WriteOnly);
+        file.write(f.plain);
+    }
+    for (auto _ : state) {
+        QFile file(path);
+        file.open(QIODevice::ReadOnly);
+        benchmark::DoNotOptimize(file.readAll().size());
+    }
+    setBytes(state);
+}
+
+void BM_ZlibCompress(benchmark::State &state)
+{
+    Fixture &f = fixture();
+    for (auto _ : state)
+        benchmark::DoNotOptimize(Fixture::zlibCompress(f.plain).size());
+    setBytes(state);
+}
+
+void BM_ZlibDecompress(benchmark::State &state)
+{
+    Fixture &f = fixture();
+    QByteArray out(f.plain.size(), Qt::Uninitialized);
+    for (auto _ : state) {
+        z_stream z {};
+        inflateInit2(&z, 31);
+        z.next_in = reinterpret_cast<Bytef *>(f.compressed.data());
+        z.avail_in = uInt(f.compressed.size());
+        z.next_out = reinterpret_cast<Bytef *>(out.data());
+        z.avail_out = uInt(out.size());
+        if (inflate(&z, Z_FINISH) != Z_STREAM_END)
+            state.SkipWithError("inflate failed");
+        inflateEnd(&z);
+    }
+    setBytes(state);
+}
+
+#define TABLEIO_BENCH(name) BENCHMARK(name)->Unit(benchmark::kMillisecond)->Iterations(3)
+TABLEIO_BENCH(BM_SavePlain);
+TABLEIO_BENCH(BM_RawWrite);
+TABLEIO_BENCH(BM_LoadPlain);
+TABLEIO_BENCH(BM_RawRead);
+TABLEIO_BENCH(BM_SaveGzip);
+TABLEIO_BENCH(BM_ZlibCompress);
+TABLEIO_BENCH(BM_LoadGzip);
+TABLEIO_BENCH(BM_ZlibDecompress);
+
+class RatioReporter : public benchmark::ConsoleReporter
+{
+public:
+    void ReportRuns(const std::vector<Run> &runs) override
+    {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run &run : runs) {
+            const auto it = run.counters.find("bytes_per_second");
+            if (it != run.counters.end())
+                rates[run.benchmark_name()] = it->second.value;
+        }
+    }
+    std::map<std::string, double> rates;
+};
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    benchmark::Initialize(&argc, argv);
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    const auto ratio = [&](const char *mine, const char *peer, const char *what) {
+        const auto a = reporter.rates.find(std::string(mine) + "/iterations:3");
+        const auto b = reporter.rates.find(std::string(peer) + "/iterations:3");
+        if (a != reporter.rates.end() && b != reporter.rates.end() && b->second > 0)
+            std::printf("%s: %.1f MB/s against %.1f MB/s, ratio %.2f\n", what, a->second / 1e6,
+                        b->second / 1e6, a->second / b->second);
+    };
+    std::printf("table file of %d rows, %.1f MB plain\n", kRows, fixture().plain.size() / 1e6);
+    ratio("BM_SavePlain", "BM_RawWrite", "plain save / raw write");
+    ratio("BM_LoadPlain", "BM_RawRead", "plain load / raw read");
+    ratio("BM_SaveGzip", "BM_ZlibCompress", "gzip save / zlib compress");
+    ratio("BM_LoadGzip", "BM_ZlibDecompress", "gzip load / zlib decompress");
+    return 0;
+}
