@@ -1,7 +1,7 @@
 #ifndef TESTS_TESTINDEXES_H
 #define TESTS_TESTINDEXES_H
 
-// A small quote table and a configurable sorted index over it, shared by the
+// A small quote table and a sorted index over its columns, shared by the
 // index tests.
 
 #include <database/indexsort.h>
@@ -43,8 +43,8 @@ inline int idOf(const Record &row)
     return row.data(Id).get<qint32>();
 }
 
-// Sorted like a column key over the given columns (nulls first); an optional
-// filter.
+// Ordered like a column key over the given columns (nulls first), optionally
+// filtered.
 class ColumnSort : public IndexSort
 {
 public:
@@ -63,45 +63,30 @@ private:
     Filter m_filter;
 };
 
-// Collects the warnings written while it lives ("file:line|function|text"),
-// instead of printing them.
-class WarningLog
+// Collects the warnings written while it lives, as "file:line|function|text".
+struct WarningLog
 {
-public:
     WarningLog()
-        : m_previous(qInstallMessageHandler(&WarningLog::handle))
+        : previous(qInstallMessageHandler(handle))
     {
-        current() = this;
+        messages.clear();
     }
-    ~WarningLog()
-    {
-        qInstallMessageHandler(m_previous);
-        current() = nullptr;
-    }
-    QStringList messages;
-
-private:
-    static WarningLog *&current()
-    {
-        static WarningLog *log = nullptr;
-        return log;
-    }
+    ~WarningLog() { qInstallMessageHandler(previous); }
     static void handle(QtMsgType type, const QMessageLogContext &context, const QString &text)
     {
-        if (type == QtWarningMsg && current())
-            current()->messages << QStringLiteral("%1:%2|%3|%4")
-                                       .arg(QString::fromLatin1(context.file))
-                                       .arg(context.line)
-                                       .arg(QString::fromLatin1(context.function), text);
+        if (type == QtWarningMsg)
+            messages << QStringLiteral("%1:%2|%3|%4")
+                            .arg(QString::fromLatin1(context.file))
+                            .arg(context.line)
+                            .arg(QString::fromLatin1(context.function), text);
     }
-    QtMessageHandler m_previous;
+    static inline QStringList messages;
+    const QtMessageHandler previous;
 };
 
-inline const QString fullSearchWarning()
-{
-    return QStringLiteral("indexsort:230|virtual void IndexSort::update(const Record&, int, int, "
-                          "int)|update Full search can impact the performance");
-}
+inline const QString fullSearchWarning
+    = QStringLiteral("indexsort:230|virtual void IndexSort::update(const Record&, int, int, int)|"
+                     "update Full search can impact the performance");
 
 } // namespace TestIndexes
 
