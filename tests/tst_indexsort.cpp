@@ -32,7 +32,7 @@ class tst_IndexSort : public QObject
 private Q_SLOTS:
     void init();
     void cleanup() { delete table; }
-    void listByNameIdentityAndLock();
+    void listByNameAndLock();
     void update_data();
     void update();
     void limitEviction();
@@ -48,7 +48,7 @@ void tst_IndexSort::init()
     table->setMasterIndex(new MasterIndex_Column_Pure(table, QStringLiteral("id")));
 }
 
-void tst_IndexSort::listByNameIdentityAndLock()
+void tst_IndexSort::listByNameAndLock()
 {
     const QList<Record> rows
         = { makeRow(*table, 5), makeRow(*table, 3), makeRow(*table, 9), makeRow(*table, 1) };
