@@ -266,15 +266,15 @@ void BM_ResortPeer(benchmark::State &state)
     state.SetItemsProcessed(state.iterations() * int64_t(rows.size()));
 }
 
-BENCHMARK(BM_AppendList)->Unit(benchmark::kMillisecond)->Iterations(2);
-BENCHMARK(BM_AppendListPeer)->Unit(benchmark::kMillisecond)->Iterations(2);
+BENCHMARK(BM_AppendList)->Unit(benchmark::kMillisecond)->Iterations(2)->UseRealTime();
+BENCHMARK(BM_AppendListPeer)->Unit(benchmark::kMillisecond)->Iterations(2)->UseRealTime();
 BENCHMARK(BM_UpdateSingle)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_UpdateSinglePeer)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_Process1000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Process1000)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_RemoveByKey)->Unit(benchmark::kMicrosecond)->Iterations(100000);
 BENCHMARK(BM_RemoveByKeyPeer)->Unit(benchmark::kMicrosecond)->Iterations(100000);
-BENCHMARK(BM_Resort)->Unit(benchmark::kMillisecond)->Iterations(3);
-BENCHMARK(BM_ResortPeer)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_Resort)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
+BENCHMARK(BM_ResortPeer)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
 
 class RatioReporter : public benchmark::ConsoleReporter
 {

@@ -8,8 +8,37 @@
 #include <QMessageLogger>
 
 #include <algorithm>
+#include <memory>
+
+class IndexSortPrivate
+{
+public:
+    // What preprocess() found, for the process() of the same batch.
+    QList<Record> leaving;
+    QVector<int> positions;
+};
 
 namespace {
+
+// A 65536-bit filter of row addresses: most rows of a scan are rejected by
+// one bit test before the hash is consulted.
+class RowFilter
+{
+public:
+    void insert(const unsigned char *row) { m_bits[slot(row) >> 6] |= bit(row); }
+    bool mayContain(const unsigned char *row) const
+    {
+        return (m_bits[slot(row) >> 6] & bit(row)) != 0;
+    }
+
+private:
+    static quint32 slot(const unsigned char *row)
+    {
+        return quint32((quint64(quintptr(row) >> 3) * 0x9E3779B97F4A7C15ull) >> 48);
+    }
+    static quint64 bit(const unsigned char *row) { return quint64(1) << (slot(row) & 63); }
+    quint64 m_bits[1024] = {};
+};
 
 // The first position after `from` whose element compares equal to `key`
 // (compare(element, key) == 0), or -1. REQUIRES: the list is sorted by the
@@ -42,11 +71,13 @@ int searchBinary(const PartitionList<T> &list, const T &key, int from, CompareFn
 
 IndexSort::IndexSort(Table *table, bool registered)
     : IndexList(table, registered)
+    , d(new IndexSortPrivate)
 {
 }
 
 IndexSort::IndexSort(const QString &tableName, bool registered)
     : IndexList(tableName, registered)
+    , d(new IndexSortPrivate)
 {
 }
 
@@ -190,9 +221,14 @@ QVector<int> IndexSort::indexOfs(const QList<Record> &wanted) const
     }
     if (strays.isEmpty())
         return result;
+    auto filter = std::make_unique<RowFilter>();
+    for (auto it = strays.cbegin(); it != strays.cend(); ++it)
+        filter->insert(it.key());
     int left = strays.size();
     int position = 0;
     for (auto it = list.cbegin(), end = list.cend(); it != end && left > 0; ++it, ++position) {
+        if (!filter->mayContain(it->row()))
+            continue;
         const auto stray = strays.find(it->row());
         if (stray != strays.end() && stray.value() < 0) {
             stray.value() = position;
@@ -296,13 +332,42 @@ void IndexSort::update(const Record &changed, int, int, int position)
         reposition(record, position);
 }
 
+void IndexSort::clear()
+{
+    d->leaving.clear();
+    d->positions.clear();
+    IndexList::clear();
+}
+
+void IndexSort::preprocess(const QList<Record> &removed, const QList<Record> &updated, int, int,
+                           const QList<Record> &, const QList<Record> &)
+{
+    d->leaving = removed + updated;
+    d->positions = indexOfs(d->leaving);
+}
+
+QVector<int> IndexSort::leavingPositions(const QList<Record> &leaving) const
+{
+    const PartitionList<Record> &list = records();
+    bool noted = d->leaving.size() == leaving.size();
+    for (int i = 0; noted && i < leaving.size(); ++i) {
+        const int position = d->positions.at(i);
+        noted = d->leaving.at(i) == leaving.at(i)
+            && (position < 0 || (position < list.count() && list.at(position) == leaving.at(i)));
+    }
+    return noted ? d->positions : indexOfs(leaving);
+}
+
 void IndexSort::process(const QList<Record> &removed, const QList<Record> &updated, int, int,
                         const QList<Record> &inserted)
 {
     PartitionList<Record> &list = records();
+    const QList<Record> leaving = removed + updated;
+    QVector<int> positions = leaving.isEmpty() ? QVector<int>() : leavingPositions(leaving);
+    d->leaving.clear();
+    d->positions.clear();
 
-    if (list.count() > 0 && (!removed.isEmpty() || !updated.isEmpty())) {
-        QVector<int> positions = indexOfs(removed + updated);
+    if (list.count() > 0 && !positions.isEmpty()) {
         std::sort(positions.begin(), positions.end());
         RangeSet<int> ranges;
         bool any = false;

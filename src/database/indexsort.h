@@ -3,7 +3,10 @@
 
 #include <database/indexlist.h>
 
+#include <QScopedPointer>
 #include <QVector>
+
+class IndexSortPrivate;
 
 // IndexSort: the rows of a table that pass filter(), kept in the order of the
 // subclass's compare() at all times, found by binary search over positions.
@@ -32,6 +35,12 @@
 // An update that leaves the row in order relative to its neighbours does not
 // move it, even where an equal neighbour arrived later; a batch (process())
 // always re-enters its updated rows after their equal keys.
+//
+// Batches (process()) take their rows out by ranges and merge the entering
+// rows in runs, so each part moves once per run. The positions of the leaving
+// rows are noted by preprocess(), which the table calls before it copies the
+// batch's new cells into the rows; without it (or when the index changed in
+// between) they are searched for, rows whose keys moved by one shared scan.
 //
 // build() takes every master-index row that passes filter() under the table's
 // lock, appends them and stable-sorts once: the order that adding them one by
@@ -71,10 +80,16 @@ public:
     explicit IndexSort(const QString &tableName, bool registered = true);
     ~IndexSort() override;
 
+    void clear() override;
     void build() override;
     // Inserts at indexOfAdd(): after every record with a key <= the record's.
     // A record that fails filter() is ignored.
     void add(const Record &record) override;
+    // Notes where the removed and updated records stand while their cells
+    // still hold the keys they were placed by: process() then needs no search
+    // for rows whose keys the batch changes.
+    void preprocess(const QList<Record> &removed, const QList<Record> &updated, int first, int last,
+                    const QList<Record> &inserted, const QList<Record> &changed) override;
     // Removes the updated and removed records by ranges, then merges the
     // updated and inserted records that pass filter() in runs.
     void process(const QList<Record> &removed, const QList<Record> &updated, int first, int last,
@@ -111,6 +126,11 @@ private:
     int upperBound(const Record &record, int low) const;
     // Moves the record at `position` to its upper bound.
     void reposition(const Record &record, int position);
+    // The positions noted by preprocess() for exactly these rows, if they
+    // still hold them; otherwise indexOfs().
+    QVector<int> leavingPositions(const QList<Record> &leaving) const;
+
+    const QScopedPointer<IndexSortPrivate> d;
 };
 
 #endif // DATABASE_INDEXSORT_H
