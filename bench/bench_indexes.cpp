@@ -23,6 +23,8 @@
 #include <string>
 #include <vector>
 
+#include "ratioreporter.h"
+
 namespace {
 
 constexpr int kRows = 1000000;
@@ -275,29 +277,6 @@ BENCHMARK(BM_RemoveByKey)->Unit(benchmark::kMicrosecond)->Iterations(100000);
 BENCHMARK(BM_RemoveByKeyPeer)->Unit(benchmark::kMicrosecond)->Iterations(100000);
 BENCHMARK(BM_Resort)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
 BENCHMARK(BM_ResortPeer)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
-
-class RatioReporter : public benchmark::ConsoleReporter
-{
-public:
-    void ReportRuns(const std::vector<Run> &runs) override
-    {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run &run : runs) {
-            const auto it = run.counters.find("items_per_second");
-            if (it != run.counters.end())
-                rates[run.benchmark_name()] = it->second.value;
-        }
-    }
-    double rate(const std::string &prefix) const
-    {
-        for (const auto &entry : rates) {
-            if (entry.first.rfind(prefix + "/", 0) == 0 || entry.first == prefix)
-                return entry.second;
-        }
-        return 0;
-    }
-    std::map<std::string, double> rates;
-};
 
 void quiet(QtMsgType, const QMessageLogContext &, const QString &)
 {

@@ -8,11 +8,12 @@
 
 #include <benchmark/benchmark.h>
 
-#include <QMap>
 #include <QVector>
 
 #include <algorithm>
 #include <cstdio>
+
+#include "ratioreporter.h"
 
 namespace {
 
@@ -135,27 +136,6 @@ BENCHMARK(BM_Probe_PartitionListAt);
 BENCHMARK(BM_Probe_PartWalk);
 BENCHMARK(BM_Probe_QVector);
 
-// Keeps each benchmark's time per iteration for the ratios.
-class RatioReporter : public benchmark::ConsoleReporter
-{
-public:
-    void ReportRuns(const std::vector<Run> &runs) override
-    {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run &run : runs)
-            if (run.run_type == Run::RT_Iteration)
-                times[QString::fromStdString(run.benchmark_name())] = run.GetAdjustedRealTime();
-    }
-    void ratio(const char *what, const char *name, const char *peer) const
-    {
-        const double a = times.value(QLatin1String(name));
-        const double b = times.value(QLatin1String(peer));
-        if (a > 0 && b > 0)
-            std::printf("%-52s %8.3f\n", what, a / b);
-    }
-    QMap<QString, double> times;
-};
-
 } // namespace
 
 int main(int argc, char **argv)
@@ -165,13 +145,18 @@ int main(int argc, char **argv)
         return 1;
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
+    const auto ratio = [&](const char *what, const char *name, const char *peer) {
+        const double a = reporter.time(name);
+        const double b = reporter.time(peer);
+        if (a > 0 && b > 0)
+            std::printf("%-52s %8.3f\n", what, a / b);
+    };
     std::printf("\nratios (time / peer time; below 1 is faster)\n");
-    reporter.ratio("middle insert+remove: partitioned / QVector",
-                   "BM_MiddleInsertRemove_PartitionList", "BM_MiddleInsertRemove_QVector");
-    reporter.ratio("probe: partitioned at() / QVector", "BM_Probe_PartitionListAt",
-                   "BM_Probe_QVector");
-    reporter.ratio("probe: partitioned at() / walking part counts", "BM_Probe_PartitionListAt",
-                   "BM_Probe_PartWalk");
+    ratio("middle insert+remove: partitioned / QVector", "BM_MiddleInsertRemove_PartitionList",
+          "BM_MiddleInsertRemove_QVector");
+    ratio("probe: partitioned at() / QVector", "BM_Probe_PartitionListAt", "BM_Probe_QVector");
+    ratio("probe: partitioned at() / walking part counts", "BM_Probe_PartitionListAt",
+          "BM_Probe_PartWalk");
     benchmark::Shutdown();
     return 0;
 }

@@ -20,6 +20,8 @@
 #include <map>
 #include <memory>
 
+#include "ratioreporter.h"
+
 namespace {
 
 const int kRows = 1000000;
@@ -206,21 +208,6 @@ TABLEIO_BENCH(BM_ZlibCompress);
 TABLEIO_BENCH(BM_LoadGzip);
 TABLEIO_BENCH(BM_ZlibDecompress);
 
-class RatioReporter : public benchmark::ConsoleReporter
-{
-public:
-    void ReportRuns(const std::vector<Run> &runs) override
-    {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run &run : runs) {
-            const auto it = run.counters.find("bytes_per_second");
-            if (it != run.counters.end())
-                rates[run.benchmark_name()] = it->second.value;
-        }
-    }
-    std::map<std::string, double> rates;
-};
-
 } // namespace
 
 int main(int argc, char **argv)
@@ -229,11 +216,11 @@ int main(int argc, char **argv)
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     const auto ratio = [&](const char *mine, const char *peer, const char *what) {
-        const auto a = reporter.rates.find(std::string(mine) + "/iterations:3");
-        const auto b = reporter.rates.find(std::string(peer) + "/iterations:3");
-        if (a != reporter.rates.end() && b != reporter.rates.end() && b->second > 0)
-            std::printf("%s: %.1f MB/s against %.1f MB/s, ratio %.2f\n", what, a->second / 1e6,
-                        b->second / 1e6, a->second / b->second);
+        const double a = reporter.counter(mine, "bytes_per_second");
+        const double b = reporter.counter(peer, "bytes_per_second");
+        if (a > 0 && b > 0)
+            std::printf("%s: %.1f MB/s against %.1f MB/s, ratio %.2f\n", what, a / 1e6, b / 1e6,
+                        a / b);
     };
     std::printf("table file of %d rows, %.1f MB plain\n", kRows, fixture().plain.size() / 1e6);
     ratio("BM_SavePlain", "BM_RawWrite", "plain save / raw write");

@@ -21,6 +21,8 @@
 #include <string>
 #include <vector>
 
+#include "ratioreporter.h"
+
 namespace {
 
 constexpr int kRows = 1000000;
@@ -141,31 +143,6 @@ void BM_UpdatedLoop(benchmark::State &state)
 
 BENCHMARK(BM_TransactionUpdates)->Unit(benchmark::kMillisecond)->Iterations(kBatches);
 BENCHMARK(BM_UpdatedLoop)->Unit(benchmark::kMillisecond)->Iterations(kBatches);
-
-class RatioReporter : public benchmark::ConsoleReporter
-{
-public:
-    void ReportRuns(const std::vector<Run> &runs) override
-    {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run &run : runs) {
-            const auto it = run.counters.find("items_per_second");
-            if (it != run.counters.end())
-                m_rates[run.benchmark_name()] = it->second.value;
-        }
-    }
-    double rate(const std::string &prefix) const
-    {
-        for (const auto &entry : m_rates) {
-            if (entry.first.rfind(prefix, 0) == 0)
-                return entry.second;
-        }
-        return 0;
-    }
-
-private:
-    std::map<std::string, double> m_rates;
-};
 
 } // namespace
 

@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "ratioreporter.h"
+
 namespace {
 constexpr int kInputs = 1000000;
 
@@ -136,21 +138,6 @@ BENCHMARK(BM_GreeksTextbook)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ImpliedLibrary)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ImpliedTextbook)->Unit(benchmark::kMillisecond);
 
-// Console output as usual, plus the items per second of each benchmark.
-class RatioReporter : public benchmark::ConsoleReporter
-{
-public:
-    void ReportRuns(const std::vector<Run> &runs) override
-    {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run &run : runs) {
-            const auto it = run.counters.find("items_per_second");
-            if (it != run.counters.end())
-                rates[run.benchmark_name()] = it->second.value;
-        }
-    }
-    std::map<std::string, double> rates;
-};
 } // namespace
 
 int main(int argc, char **argv)
@@ -160,8 +147,8 @@ int main(int argc, char **argv)
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     const auto ratio = [&](const char *library, const char *textbook, const char *what) {
-        const double a = reporter.rates[library];
-        const double b = reporter.rates[textbook];
+        const double a = reporter.rate(library);
+        const double b = reporter.rate(textbook);
         if (a > 0 && b > 0)
             std::printf("%s: library %.3g/s, textbook %.3g/s, ratio %.2f\n", what, a, b, a / b);
     };

@@ -165,6 +165,7 @@ private Q_SLOTS:
     void singleChanges();
     void processAndAppendList();
     void clearAndReferenceCounts();
+    void recordsTravelInVariantsAndQueuedSignals();
     void signalsAndNames();
     void registryChangesDuringNotification();
     void dependBaseRebuildHandover();
@@ -319,6 +320,39 @@ void tst_Table::clearAndReferenceCounts()
     f.table.clear();
     QCOMPARE(f.log, "M.begin A.begin B.begin A.clear B.clear M.clear M.end A.end B.end");
     QCOMPARE(watched.refCount(), 1);
+}
+
+// Records are a registered meta-type: a variant or a queued signal holds a
+// counted reference to the row until it is delivered.
+class RecordSender : public QObject
+{
+    Q_OBJECT
+Q_SIGNALS:
+    void sent(const Record &record);
+};
+
+void tst_Table::recordsTravelInVariantsAndQueuedSignals()
+{
+    Fixture f;
+    QCOMPARE(QMetaType::type("Record"), qMetaTypeId<Record>());
+    Record row = f.row(7);
+    QVariant variant = QVariant::fromValue(row);
+    QCOMPARE(row.refCount(), 2);
+    QCOMPARE(variant.value<Record>(), row);
+    variant.clear();
+    QCOMPARE(row.refCount(), 1);
+
+    RecordSender sender;
+    Record received;
+    connect(
+        &sender, &RecordSender::sent, this, [&](const Record &r) { received = r; },
+        Qt::QueuedConnection);
+    const unsigned char *block = row.row();
+    Q_EMIT sender.sent(row);
+    row = Record(); // the pending event keeps the row alive
+    QTRY_VERIFY(!received.isNull());
+    QCOMPARE(received.row(), block);
+    QCOMPARE(received.refCount(), 1);
 }
 
 void tst_Table::signalsAndNames()

@@ -186,6 +186,11 @@ bool IndexList::isRegistered() const
     return d->registered;
 }
 
+qint64 IndexList::memoryUsage() const
+{
+    return records().memoryUsage();
+}
+
 PartitionList<Record> &IndexList::records()
 {
     return d->records;

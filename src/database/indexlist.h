@@ -105,6 +105,8 @@ public:
     Record at(int position) const;
     // Whether the index put itself into its table's registry.
     bool isRegistered() const;
+    // Bytes held by the record list (PartitionList::memoryUsage), not the rows.
+    qint64 memoryUsage() const;
 
 protected:
     PartitionList<Record> &records();

@@ -394,15 +394,25 @@ void IndexSort::process(const QList<Record> &removed, const QList<Record> &updat
     if (entering.isEmpty())
         return;
 
+    // Rows that arrive in key order (a table file loads in master order) need
+    // no sort, and when they all sort after the last row they are one run
+    // appended at the end: the same places the upper-bound merge would give.
+    const bool sorted = std::is_sorted(entering.cbegin(), entering.cend(), LessThan(this));
     if (list.count() == 0) {
         // Appending in arrival order and sorting stably gives the same order
         // as merging, with the sort spread over the thread pool.
         list.insert(0, entering);
-        resort();
+        if (!sorted)
+            resort();
         return;
     }
 
-    std::stable_sort(entering.begin(), entering.end(), LessThan(this));
+    if (!sorted)
+        std::stable_sort(entering.begin(), entering.end(), LessThan(this));
+    if (compare(list.at(list.count() - 1), entering.constFirst()) <= 0) {
+        list.insert(list.count(), entering);
+        return;
+    }
     QVector<int> targets(entering.size());
     int low = 0;
     for (int i = 0; i < entering.size(); ++i) {

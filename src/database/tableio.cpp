@@ -245,8 +245,9 @@ bool sameLayout(const Table *table, const TableIO::TableHeader &header)
     return true;
 }
 
-// Bytes of a list-shaped index of `count` rows filled by appends: parts of at
-// most 9999 handles, each allocated for 10002.
+// Bytes of a list-shaped index of `count` rows that does not account for
+// itself: parts of at most 9999 handles (as appends fill them), each allocated
+// for 10002.
 qint64 estimatedListBytes(int count)
 {
     const qint64 partSize = 10000;
@@ -254,6 +255,15 @@ qint64 estimatedListBytes(int count)
     const qint64 partOverhead = 2 * qint64(sizeof(int)) + 2 * qint64(sizeof(void *));
     return parts * ((partSize + 2) * qint64(sizeof(Record)) + partOverhead)
         + (parts + 2) * qint64(sizeof(void *));
+}
+
+qint64 indexBytes(const Index *index)
+{
+    if (const auto *list = dynamic_cast<const IndexList *>(index))
+        return list->memoryUsage();
+    if (const auto *iterative = dynamic_cast<const IndexIterative *>(index))
+        return estimatedListBytes(iterative->count());
+    return 0;
 }
 
 // Names the file in the messages of one save or load.
@@ -893,13 +903,8 @@ qint64 TableIO::memoryUsage(const Table *table)
     if (!table)
         return 0;
     const MasterIndex *master = table->masterIndex();
-    const int rows = master ? master->count() : 0;
-    qint64 bytes = qint64(table->rowSize()) * rows;
-    if (master)
-        bytes += estimatedListBytes(master->count());
-    for (Index *index : table->indexes()) {
-        if (const auto *list = dynamic_cast<const IndexIterative *>(index))
-            bytes += estimatedListBytes(list->count());
-    }
+    qint64 bytes = master ? qint64(table->rowSize()) * master->count() + indexBytes(master) : 0;
+    for (const Index *index : table->indexes())
+        bytes += indexBytes(index);
     return bytes;
 }

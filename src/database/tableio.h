@@ -234,9 +234,11 @@ public:
     static void convertDefs(const QList<FieldDefConvertor *> &list, unsigned char *dst,
                             unsigned char *src);
 
-    // Bytes held by the table's rows (rowSize x rows) and by the storage of
-    // its indexes (the master index and the listed ones): list-shaped indexes
-    // are counted by their parts' capacity, estimated from their row count.
+    // Bytes held by the table's rows (rowSize x rows of the master index) and
+    // by the record lists of its indexes (the master index and the listed
+    // ones): list indexes report their parts' capacity (IndexList::memoryUsage);
+    // other iterable indexes are estimated from their row count as if filled by
+    // appends; indexes of other shapes count nothing.
     static qint64 memoryUsage(const Table *table);
 
 private:
