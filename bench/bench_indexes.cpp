@@ -66,7 +66,7 @@ struct Quotes
         for (int i = 0; i < kRows; ++i) {
             const Record row(&table);
             row.data(Id).set<qint32>(int((i * 2654435761u) % 2147483647u)); // unique, unordered
-            row.data(Instrument) = QStringLiteral("SBER%1").arg(random() % 500);
+            row.data(Instrument) = QStringLiteral("INS%1").arg(random() % 500);
             change(row, random);
             row.data(Quantity).set<double>(random() % 10000);
             row.data(Side) = QString::fromLatin1(i % 2 ? "BUY" : "SELL");

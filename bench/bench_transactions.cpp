@@ -78,7 +78,7 @@ struct Quotes
         for (int i = 0; i < kRows; ++i) {
             const Record row(&table);
             row.data(Id).set<qint32>(i);
-            row.data(Instrument) = QStringLiteral("SBER%1").arg(random() % 500);
+            row.data(Instrument) = QStringLiteral("INS%1").arg(random() % 500);
             row.data(Price).set(nextPrice());
             row.data(Quantity).set<double>(random() % 10000);
             rows.append(row);

@@ -1,11 +1,10 @@
 #ifndef TESTS_TRANSFIXTURE_H
 #define TESTS_TRANSFIXTURE_H
 
-// A quote table keyed by id, with a sorted view by price and an index that
-// records the batches the table hands it; shared by the transaction and undo
-// tests. The expected content of the table is modelled as a map id -> Quote.
+// A quote table keyed by id, with a price view that records the batches the
+// table hands it. The expected content is a map id -> Quote.
 
-#include <database/indexsort.h>
+#include <database/indexlimit.h>
 #include <database/masterindex.h>
 #include <database/table.h>
 
@@ -36,79 +35,55 @@ inline Quote quoteOf(const Record &row)
              row.data(Qty).get<qint32>() };
 }
 
-// The table's rows by key, read through the master index.
 inline Model modelOf(const Table &table)
 {
     Model model;
-    const MasterIndex *master = table.masterIndex();
-    for (auto it = master->begin(); it != master->end(); ++it)
-        model.insert((*it).data(Id).get<qint32>(), quoteOf(*it));
+    for (const Record &row : *table.masterIndex())
+        model.insert(row.data(Id).get<qint32>(), quoteOf(row));
     return model;
 }
 
-inline int comparePrice(const Record &a, const Record &b)
-{
-    const double pa = a.data(Price).get<double>();
-    const double pb = b.data(Price).get<double>();
-    return pa < pb ? -1 : (pb < pa ? 1 : 0);
-}
-
-class PriceIndex : public IndexSort
+// A sorted view (IndexSort or IndexLimit) ordered by price.
+template <typename View> class ByPrice : public View
 {
 public:
-    explicit PriceIndex(Table *table)
-        : IndexSort(table, true)
+    using View::View;
+    int compare(const Record &a, const Record &b) const override
     {
+        const double pa = a.data(Price).get<double>(), pb = b.data(Price).get<double>();
+        return pa < pb ? -1 : (pb < pa ? 1 : 0);
     }
-    int compare(const Record &a, const Record &b) const override { return comparePrice(a, b); }
 };
 
-// Keeps nothing; records the list sizes and column range of every batch.
-class RecordingIndex : public Index
+// One batch as preprocess() saw it: the sizes of the removed, updated, inserted
+// and changed lists, then the first and last changed column.
+using Batch = QVector<int>;
+
+// The price view, also recording every batch it is handed; can refuse add().
+class RecordingView : public ByPrice<IndexSort>
 {
 public:
-    struct Batch
-    {
-        int removed, updated, inserted, changed, first, last;
-    };
-    explicit RecordingIndex(Table *table)
-        : m_table(table)
-    {
-        table->addIndex(this);
-    }
-    ~RecordingIndex() override { m_table->removeIndex(this); }
-    void clear() override { }
-    void build() override { }
-    void add(const Record &) override
+    using ByPrice::ByPrice;
+    void add(const Record &record) override
     {
         if (throwOnAdd)
             throw QStringLiteral("add refused");
+        ByPrice::add(record);
     }
     void preprocess(const QList<Record> &removed, const QList<Record> &updated, int first, int last,
                     const QList<Record> &inserted, const QList<Record> &changed) override
     {
+        ByPrice::preprocess(removed, updated, first, last, inserted, changed);
         batches.append(
             { removed.size(), updated.size(), inserted.size(), changed.size(), first, last });
     }
-    void process(const QList<Record> &, const QList<Record> &, int, int,
-                 const QList<Record> &) override
-    {
-    }
-    bool remove(const Record &, int) override { return false; }
-    bool filter(const Record &) const override { return true; }
-    bool contains(const Record &) const override { return false; }
-    const char *getClassName() const override { return "RecordingIndex"; }
 
     QVector<Batch> batches;
     bool throwOnAdd = false;
-
-private:
-    Table *m_table;
 };
 
 // Columns id (Integer, not null), name (VarChar 12), price (Double), qty
-// (Integer); a column master key on id, a price view and a recorder. The
-// indexes go before the table.
+// (Integer); a column master key on id. The view goes before the table.
 struct QuoteTable
 {
     QuoteTable()
@@ -118,8 +93,7 @@ struct QuoteTable
         table.addColumn(QStringLiteral("price"), FieldType::Double);
         table.addColumn(QStringLiteral("qty"), FieldType::Integer);
         table.setMasterIndex(new MasterIndex_Column_Pure(&table, QStringLiteral("id")));
-        byPrice.reset(new PriceIndex(&table));
-        recorder.reset(new RecordingIndex(&table));
+        view.reset(new RecordingView(&table));
     }
 
     // A fresh row that is not in the table.
@@ -137,12 +111,11 @@ struct QuoteTable
     {
         for (auto it = model.cbegin(); it != model.cend(); ++it)
             table.appendRow(table.cloneRow(row(it.key(), it.value()).row()));
-        recorder->batches.clear();
+        view->batches.clear();
     }
 
     Table table { QStringLiteral("quotes") };
-    std::unique_ptr<PriceIndex> byPrice;
-    std::unique_ptr<RecordingIndex> recorder;
+    std::unique_ptr<RecordingView> view;
 };
 
 } // namespace TransFixture

@@ -3,7 +3,6 @@
 
 #include <database/database.h>
 
-#include <QBuffer>
 #include <QDataStream>
 #include <QtTest>
 
@@ -35,66 +34,52 @@ class tst_Spine : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void typeLength_data();
-    void typeLength();
-    void typeNames();
+    void types_data();
+    void types();
     void stringCells_data();
     void stringCells();
-    void stringCellStopsAtZero();
     void layout_data();
     void layout();
-    void flagAreaGrowsOnNinthColumn();
     void addColumnRefusals();
     void rowPrimitives();
-    void copyRangeCopiesAllFlags();
-    void columnRecordRoundTrip();
+    void columnRecord();
     void exceptionStack();
     void checksum64();
 };
 
-void tst_Spine::typeLength_data()
+void tst_Spine::types_data()
 {
     QTest::addColumn<int>("type");
     QTest::addColumn<int>("length");
     QTest::addColumn<int>("size");
+    QTest::addColumn<QString>("name");
     QTest::addColumn<QString>("error");
-    QTest::newRow("integer") << int(FieldType::Integer) << 0 << 4 << QString();
-    QTest::newRow("integer64") << int(FieldType::Integer64) << 0 << 8 << QString();
-    QTest::newRow("double") << int(FieldType::Double) << 0 << 8 << QString();
-    QTest::newRow("decimal ignores length") << int(FieldType::Decimal) << 12 << 8 << QString();
-    QTest::newRow("varchar") << int(FieldType::VarChar) << 32 << 64 << QString();
-    QTest::newRow("datetime") << int(FieldType::DateTime) << 0 << 8 << QString();
-    QTest::newRow("boardlist") << int(FieldType::BoardList) << 77 << 404 << QString();
-    QTest::newRow("varchar zero") << int(FieldType::VarChar) << 0 << 0
-                                  << QStringLiteral("Length of string can't be zero");
-    QTest::newRow("invalid") << int(FieldType::Invalid) << 4 << 0
-                             << QStringLiteral("Type is undefined.");
-    QTest::newRow("unknown") << 8 << 4 << 0 << QStringLiteral("Type is undefined.");
+    auto row = [](const char *tag, int type, int length, int size, const char *name,
+                  const char *error = "") {
+        QTest::newRow(tag) << type << length << size << QString::fromLatin1(name)
+                           << QString::fromLatin1(error);
+    };
+    row("integer", FieldType::Integer, 0, 4, "Integer");
+    row("integer64", FieldType::Integer64, 0, 8, "Integer64");
+    row("double", FieldType::Double, 0, 8, "Double");
+    row("decimal ignores length", FieldType::Decimal, 12, 8, "Decimal[12]");
+    row("varchar", FieldType::VarChar, 32, 64, "VarChar[32]");
+    row("datetime shows no length", FieldType::DateTime, 5, 8, "DateTime");
+    row("boardlist", FieldType::BoardList, 77, 404, "BoardList");
+    row("varchar zero", FieldType::VarChar, 0, 0, "VarChar[0]", "Length of string can't be zero");
+    row("invalid", FieldType::Invalid, 4, 0, "Undefined", "Type is undefined.");
+    row("unknown", 8, 4, 0, "Undefined", "Type is undefined.");
 }
 
-void tst_Spine::typeLength()
+void tst_Spine::types()
 {
     QFETCH(int, type);
     QFETCH(int, length);
-    QFETCH(int, size);
-    QFETCH(QString, error);
-    int got = -1;
-    QCOMPARE(thrownText([&] { got = FieldType::typeLength(type, length); }), error);
-    if (error.isEmpty())
-        QCOMPARE(got, size);
-}
-
-void tst_Spine::typeNames()
-{
-    const char *expected[] = { "Undefined", "Integer",  "Integer64", "Double",   "Decimal",
-                               "VarChar",   "DateTime", "BoardList", "Undefined" };
-    for (int type = 0; type <= 8; ++type)
-        QCOMPARE(FieldType::typeName(type), expected[type]);
-    QCOMPARE(FieldType::typeNameWithLength(FieldType::VarChar, 32), QStringLiteral("VarChar[32]"));
-    QCOMPARE(FieldType::typeNameWithLength(FieldType::Decimal, 2), QStringLiteral("Decimal[2]"));
-    QCOMPARE(FieldType::typeNameWithLength(FieldType::DateTime, 5), QStringLiteral("DateTime"));
-    QVERIFY(FieldType::typeHasLength(FieldType::Decimal));
-    QVERIFY(!FieldType::typeHasLength(FieldType::BoardList));
+    int size = -1;
+    QTEST(thrownText([&] { size = FieldType::typeLength(type, length); }), "error");
+    if (size >= 0)
+        QTEST(size, "size");
+    QTEST(FieldType::typeNameWithLength(type, length), "name");
 }
 
 void tst_Spine::stringCells_data()
@@ -111,83 +96,74 @@ void tst_Spine::stringCells()
 {
     QFETCH(QString, written);
     QFETCH(QString, read);
-    // Guard units after the cell catch writes past its end.
-    ushort cell[6];
-    std::fill(std::begin(cell), std::end(cell), ushort(0xBEEF));
-    FieldType::setString(cell, 4, written);
-    QCOMPARE(cell[4], ushort(0xBEEF));
-    for (int i = written.size(); i < 4; ++i)
-        QCOMPARE(cell[i], ushort(0));
-    const QString got = FieldType::getString(cell, 4);
-    QCOMPARE(got, read);
-    QVERIFY(!got.isNull());
-    QCOMPARE(FieldType::getSharedString(cell, 4), read);
-
-    std::fill(std::begin(cell), std::end(cell), ushort(0xBEEF));
-    FieldType::setString(cell, 4, written.utf16(), written.size());
-    QCOMPARE(FieldType::getString(cell, 4), read);
-    QCOMPARE(cell[4], ushort(0xBEEF));
-}
-
-void tst_Spine::stringCellStopsAtZero()
-{
+    // A guard unit after the cell catches writes past its end; the rest is
+    // zero-filled.
+    for (const bool fromUnits : { false, true }) {
+        ushort cell[5] = { 1, 1, 1, 1, 0xBEEF };
+        if (fromUnits)
+            FieldType::setString(cell, 4, written.utf16(), written.size());
+        else
+            FieldType::setString(cell, 4, written);
+        QCOMPARE(cell[4], ushort(0xBEEF));
+        for (int i = written.size(); i < 4; ++i)
+            QCOMPARE(cell[i], ushort(0));
+        const QString got = FieldType::getString(cell, 4);
+        QCOMPARE(got, read);
+        QVERIFY(!got.isNull());
+        QCOMPARE(FieldType::getSharedString(cell, 4), read);
+    }
+    // Reading stops at the first zero; the shared string reads the cell in place.
     const ushort cell[4] = { 'a', 0, 'c', 'd' };
     QCOMPARE(FieldType::getString(cell, 4), QStringLiteral("a"));
-    const QString shared = FieldType::getSharedString(cell, 4);
-    QCOMPARE(shared.constData(), reinterpret_cast<const QChar *>(cell));
+    QCOMPARE(FieldType::getSharedString(cell, 4).constData(),
+             reinterpret_cast<const QChar *>(cell));
 }
 
 void tst_Spine::layout_data()
 {
-    QTest::addColumn<QList<int>>("types");
-    QTest::addColumn<QList<int>>("offsets");
+    QTest::addColumn<QVector<int>>("types");
+    QTest::addColumn<QVector<int>>("offsets");
     QTest::addColumn<int>("rowLength");
     QTest::addColumn<int>("unaligned");
     QTest::addColumn<int>("rowSize");
-    QTest::newRow("no columns") << QList<int>() << QList<int>() << 0 << 0 << 16;
+    QTest::addColumn<QByteArray>("freshFlags");
+    QTest::newRow("no columns") << QVector<int>() << QVector<int>() << 0 << 0 << 16 << QByteArray();
     QTest::newRow("int, varchar[3], double")
-        << QList<int> { FieldType::Integer, FieldType::VarChar, FieldType::Double }
-        << QList<int> { 0, 8, 16 } << 24 << 18 << 41;
+        << QVector<int> { FieldType::Integer, FieldType::VarChar, FieldType::Double }
+        << QVector<int> { 0, 8, 16 } << 24 << 18 << 41 << QByteArray(1, 2);
     QTest::newRow("boardlist pads to 408")
-        << QList<int> { FieldType::BoardList, FieldType::Integer } << QList<int> { 0, 408 } << 416
-        << 408 << 16 + 416 + 1;
+        << QVector<int> { FieldType::BoardList, FieldType::Integer } << QVector<int> { 0, 408 }
+        << 416 << 408 << 16 + 416 + 1 << QByteArray(1, 2);
+    // The ninth column opens a second flag byte.
+    QTest::newRow("nine integers")
+        << QVector<int>(9, FieldType::Integer) << QVector<int> { 0, 8, 16, 24, 32, 40, 48, 56, 64 }
+        << 72 << 36 << 16 + 72 + 2 << QByteArray("\xAA\x01", 2);
 }
 
 void tst_Spine::layout()
 {
-    QFETCH(QList<int>, types);
-    QFETCH(QList<int>, offsets);
+    QFETCH(QVector<int>, types);
+    QFETCH(QVector<int>, offsets);
+    QFETCH(int, rowLength);
+    // Odd columns and those past the eighth are not nullable: a fresh row has
+    // them present.
     Table table(QStringLiteral("T"));
     for (int i = 0; i < types.size(); ++i)
         table.addColumn(QStringLiteral("c%1").arg(i), FieldType::Type(types[i]),
-                        types[i] == FieldType::VarChar ? 3 : 0);
-    for (int i = 0; i < types.size(); ++i) {
-        QCOMPARE(table.columnDef(i)->offset, qint64(offsets[i]));
-        QCOMPARE(table.columnDef(i)->index, i);
-    }
+                        types[i] == FieldType::VarChar ? 3 : 0, i % 2 == 0 && i < 8);
     QTEST(table.rowLength(), "rowLength");
     QTEST(table.rowLengthUnaligned(), "unaligned");
     QTEST(table.rowSize(), "rowSize");
-}
-
-void tst_Spine::flagAreaGrowsOnNinthColumn()
-{
-    Table table(QStringLiteral("T"));
-    for (int i = 0; i < 8; ++i)
-        table.addColumn(QStringLiteral("c%1").arg(i), FieldType::Integer, 0, i % 2 == 0);
-    QCOMPARE(table.rowSize(), 16 + 64 + 1);
-    table.addColumn(QStringLiteral("c8"), FieldType::Integer, 0, false);
-    QCOMPARE(table.rowSize(), 16 + 72 + 2);
-    for (int i = 0; i < 9; ++i) {
-        QCOMPARE(table.columnDef(i)->flagOffset, qint64(72 + i / 8));
-        QCOMPARE(table.columnDef(i)->flagMask, quint8(1u << (i % 8)));
-    }
-    // A fresh row has exactly the non-nullable columns present: 1, 3, 5, 7, 8.
     RowGuard row { &table, table.allocRow() };
-    QCOMPARE(row.row[16 + 72], quint8(0xAA));
-    QCOMPARE(row.row[16 + 73], quint8(0x01));
-    QVERIFY(table.dataPtr(row.row, 0).isNull());
-    QVERIFY(!table.dataPtr(row.row, 8).isNull());
+    QTEST(QByteArray(reinterpret_cast<const char *>(row.row) + 16 + rowLength,
+                     table.rowSize() - 16 - rowLength),
+          "freshFlags");
+    for (int i = 0; i < types.size(); ++i) {
+        const TableColumnDef *def = table.columnDef(i);
+        QCOMPARE(def->offset, qint64(offsets[i]));
+        QCOMPARE(def->index, i);
+        QCOMPARE(table.dataPtr(row.row, i).isNull(), def->nullable);
+    }
 }
 
 void tst_Spine::addColumnRefusals()
@@ -204,72 +180,53 @@ void tst_Spine::addColumnRefusals()
     QCOMPARE(thrownText([&] { table.addColumn(QStringLiteral("x"), FieldType::Invalid); }),
              QStringLiteral("Type is undefined."));
     // Refusals leave the table as it was.
-    QCOMPARE(table.columnCount(), 1);
+    QCOMPARE(table.columns(), QStringList { QStringLiteral("price") });
     QCOMPARE(table.rowSize(), size);
-    QCOMPARE(table.columnIndex(QStringLiteral("s")), -1);
     QCOMPARE(table.columnIndex(QStringLiteral("PRICE")), 0);
     table.addColumn(QStringLiteral("qty"), FieldDef(FieldType::Integer, 0), true,
                     QStringLiteral("Quantity"), false, QStringLiteral("lots"));
     QCOMPARE(table.columnTitle(0), QStringLiteral("price"));
     QCOMPARE(table.columnTitle(1), QStringLiteral("Quantity"));
-    QCOMPARE(table.columnTypeName(1), QStringLiteral("Integer"));
     QCOMPARE(table.columnDescription(1), QStringLiteral("lots"));
     QVERIFY(!table.columnDef(1)->auxFlag);
-    QCOMPARE(table.columns(), (QStringList { QStringLiteral("price"), QStringLiteral("qty") }));
 }
 
+// Clones and content copies start with a zero reference count; a column range
+// copies its cells but every presence flag.
 void tst_Spine::rowPrimitives()
 {
     Table table(QStringLiteral("T"));
     table.addColumn(QStringLiteral("id"), FieldType::Integer, 0, false);
     table.addColumn(QStringLiteral("name"), FieldType::VarChar, 5);
+    table.addColumn(QStringLiteral("qty"), FieldType::Integer64);
     RowGuard a { &table, table.allocRow() };
-    Table *owner = nullptr;
-    std::memcpy(&owner, a.row + 8, sizeof(owner));
-    QCOMPARE(owner, &table);
     QCOMPARE(quintptr(a.row) % 8, quintptr(0));
-
-    Field id = table.dataPtr(a.row, 0);
-    id.set<qint32>(42);
-    Field name = table.dataPtr(a.row, 1);
-    QVERIFY(name.isNull());
-    FieldType::setString(name.data, 5, QStringLiteral("abc"));
-    name.setPresent(true);
-    std::memset(a.row, 0x7F, 4); // a reference count the clone must not inherit
+    table.dataPtr(a.row, 1) = QStringLiteral("abc");
+    table.dataPtr(a.row, 2).set<qint64>(7);
+    std::memset(a.row, 0x7F, 4); // a reference count the copies must not inherit
 
     RowGuard b { &table, table.cloneRow(a.row) };
     QCOMPARE(std::memcmp(a.row + 4, b.row + 4, size_t(table.rowSize() - 4)), 0);
     QCOMPARE(*reinterpret_cast<int *>(b.row), 0);
 
     RowGuard c { &table, table.allocRow() };
-    table.copyRowContent(c.row, a.row);
-    QCOMPARE(table.dataPtr(c.row, 0).get<qint32>(), 42);
+    table.copyRowContent(c.row, a.row, 1, 1);
     QCOMPARE(table.dataPtr(c.row, 1).toString(), QStringLiteral("abc"));
+    QCOMPARE(table.dataPtr(c.row, 2).get<qint64>(), qint64(0));
+    QVERIFY(!table.dataPtr(c.row, 2).isNull());
+    table.copyRowContent(c.row, a.row);
+    QCOMPARE(table.dataPtr(c.row, 2).get<qint64>(), qint64(7));
     QCOMPARE(*reinterpret_cast<int *>(c.row), 0);
 }
 
-void tst_Spine::copyRangeCopiesAllFlags()
+void tst_Spine::columnRecord()
 {
-    Table table(QStringLiteral("T"));
-    for (int i = 0; i < 3; ++i)
-        table.addColumn(QStringLiteral("c%1").arg(i), FieldType::Integer64);
-    RowGuard src { &table, table.allocRow() };
-    RowGuard dst { &table, table.allocRow() };
-    for (int i = 0; i < 3; ++i)
-        table.dataPtr(src.row, i).set<qint64>(100 + i);
-    table.copyRowContent(dst.row, src.row, 1, 1);
-    QCOMPARE(table.dataPtr(dst.row, 1).get<qint64>(), qint64(101));
-    // Cells outside the range stay zero, but every presence flag was copied.
-    QCOMPARE(table.dataPtr(dst.row, 0).get<qint64>(), qint64(0));
-    QCOMPARE(table.dataPtr(dst.row, 2).get<qint64>(), qint64(0));
-    QVERIFY(!table.dataPtr(dst.row, 0).isNull());
-    QVERIFY(!table.dataPtr(dst.row, 2).isNull());
-    table.copyRowContent(dst.row, src.row, -1, -1);
-    QCOMPARE(table.dataPtr(dst.row, 2).get<qint64>(), qint64(102));
-}
-
-void tst_Spine::columnRecordRoundTrip()
-{
+    auto recordOf = [](const TableColumnDef &column) {
+        QByteArray bytes;
+        QDataStream out(&bytes, QIODevice::WriteOnly);
+        column.write(out);
+        return bytes;
+    };
     TableColumnDef def;
     def.name = QStringLiteral("price");
     def.title = QStringLiteral("Цена");
@@ -277,64 +234,38 @@ void tst_Spine::columnRecordRoundTrip()
     def.type = FieldType::Decimal;
     def.length = 4;
     def.size = 8;
-    def.nullable = false;
-    def.auxFlag = false;
-    QByteArray bytes;
-    {
-        QDataStream out(&bytes, QIODevice::WriteOnly);
-        def.write(out);
-    }
+    def.nullable = def.auxFlag = false;
+    const QByteArray bytes = recordOf(def);
     // name, title, description, then length (4), type (1), size (4), two bools.
     QCOMPARE(bytes.right(11).toHex(), QByteArray("0000000404000000080000"));
     TableColumnDef back;
-    back.offset = 99;
+    back.offset = 99; // not part of the record
     QDataStream in(bytes);
     back.read(in);
-    QCOMPARE(back.name, def.name);
-    QCOMPARE(back.title, def.title);
-    QCOMPARE(back.description, def.description);
-    QCOMPARE(back.type, def.type);
-    QCOMPARE(back.length, 4);
-    QCOMPARE(back.size, qint64(8));
-    QVERIFY(!back.nullable && !back.auxFlag);
+    QCOMPARE(recordOf(back), bytes);
     QCOMPARE(back.offset, qint64(99));
-
-    TableColumnDef bound(nullptr, def);
-    QCOMPARE(bound.size, qint64(8));
-    QCOMPARE(bound.offset, qint64(0));
-    QCOMPARE(bound.name, def.name);
 }
 
+// Each Exception logs its captured stack, line by line, when destroyed; a copy
+// shares the lines instead of capturing again.
 void tst_Spine::exceptionStack()
 {
-    QStringList stack;
     try {
         throw Exception(QStringLiteral("boom"));
     } catch (const Exception &e) {
         QCOMPARE(e.message, QStringLiteral("boom"));
         QVERIFY(!e.stack.isEmpty());
-        stack = e.stack;
-        // The copy shares the lines: no second capture.
-        Exception copy(e);
+        const Exception copy(e);
         QCOMPARE(copy.stack, e.stack);
-        for (const QString &line : copy.stack)
-            QTest::ignoreMessage(QtDebugMsg,
-                                 qPrintable(QLatin1Char('"') + line + QLatin1Char('"')));
-        for (const QString &line : e.stack)
-            QTest::ignoreMessage(QtDebugMsg,
-                                 qPrintable(QLatin1Char('"') + line + QLatin1Char('"')));
+        for (const QString &line : e.stack + copy.stack)
+            QTest::ignoreMessage(QtDebugMsg, qPrintable('"' + line + '"'));
     }
-    QVERIFY(!stack.isEmpty());
-
-    Exception empty(QStringLiteral("quiet"));
-    empty.stack.clear(); // destroying it must log nothing
 }
 
 void tst_Spine::checksum64()
 {
     QCOMPARE(qChecksum64("123456789", 9), Q_UINT64_C(0x62EC59E3F1A4F00A));
     QCOMPARE(qChecksum64("", 0), quint64(0));
-    QVERIFY(qChecksum64("a", 1) != qChecksum64("b", 1));
 }
 
 QTEST_GUILESS_MAIN(tst_Spine)

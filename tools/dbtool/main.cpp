@@ -85,7 +85,7 @@ void describe(const Table &table, QTextStream &out)
 
 void fillSampleRows(Table &table, int rows)
 {
-    const char *const instruments[] = { "SBER", "GAZP", "LKOH", "YNDX", "MGNT" };
+    const char *const instruments[] = { "ACME", "BOLT", "CORE", "DYNA", "ECHO" };
     for (int i = 0; i < rows; ++i) {
         unsigned char *row = table.allocRow();
         table.dataPtr(row, 0).set<qint32>(i + 1);
@@ -344,7 +344,13 @@ int main(int argc, char **argv)
         return info(rest, out, err);
     if (command == QLatin1String("dump"))
         return dump(rest, out, err);
-    err << "usage: dbtool [describe | create <dir> [--rows N] [--gzip] | info <dir|file> [<table>]"
-           " | dump <dir|file> [<table>] [--limit N]]\n";
-    return 2;
+    const bool asked = command == QLatin1String("help") || command == QLatin1String("--help")
+        || command == QLatin1String("-h");
+    QTextStream &usage = asked ? out : err;
+    if (!asked)
+        usage << "dbtool: unknown command '" << command << "'\n";
+    usage
+        << "usage: dbtool [describe | create <dir> [--rows N] [--gzip] | info <dir|file> [<table>]"
+           " | dump <dir|file> [<table>] [--limit N] | help]\n";
+    return asked ? 0 : 2;
 }
