@@ -21,19 +21,6 @@ inline std::vector<Record> rowsOf(const IndexIterative *index)
     return std::vector<Record>(index->begin(), index->end());
 }
 
-// The index holds exactly `expected`, in that order (row identity).
-inline QString sameOrder(const IndexIterative *index, const std::vector<Record> &expected)
-{
-    const std::vector<Record> rows = rowsOf(index);
-    const auto diff = std::mismatch(rows.begin(), rows.end(), expected.begin(), expected.end());
-    if (diff.first == rows.end() && diff.second == expected.end())
-        return QString();
-    return QStringLiteral("%1 rows, expected %2, first difference at %3")
-        .arg(rows.size())
-        .arg(expected.size())
-        .arg(diff.first - rows.begin());
-}
-
 // The master index and every list index registered with the table: each holds
 // the master's rows that pass its filter (as a multiset of row blocks), a
 // sorted one in compare() order, and indexOf() finds every seventh row where it
@@ -52,9 +39,9 @@ inline QString check(const Table *table)
         const QString name = QString::fromLatin1(index->getClassName()) + QStringLiteral(": ");
         const std::vector<Record> rows = rowsOf(index);
         std::vector<quintptr> expected, held;
-        for (auto it = master->begin(); it != master->end(); ++it) {
-            if (index->filter(*it))
-                expected.push_back(quintptr(it->row()));
+        for (const Record &row : *master) {
+            if (index->filter(row))
+                expected.push_back(quintptr(row.row()));
         }
         for (const Record &row : rows)
             held.push_back(quintptr(row.row()));

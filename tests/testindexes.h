@@ -66,22 +66,16 @@ private:
 // Collects the warnings written while it lives, as "file:line|function|text".
 struct WarningLog
 {
-    WarningLog()
-        : previous(qInstallMessageHandler(handle))
-    {
-        messages.clear();
-    }
+    WarningLog() { messages.clear(); }
     ~WarningLog() { qInstallMessageHandler(previous); }
     static void handle(QtMsgType type, const QMessageLogContext &context, const QString &text)
     {
         if (type == QtWarningMsg)
-            messages << QStringLiteral("%1:%2|%3|%4")
-                            .arg(QString::fromLatin1(context.file))
-                            .arg(context.line)
-                            .arg(QString::fromLatin1(context.function), text);
+            messages << QString::asprintf("%s:%d|%s|", context.file, context.line, context.function)
+                    + text;
     }
     static inline QStringList messages;
-    const QtMessageHandler previous;
+    const QtMessageHandler previous = qInstallMessageHandler(handle);
 };
 
 inline const QString fullSearchWarning
