@@ -401,10 +401,10 @@ void TestTableIO::addColumnsAndFilters()
 void TestTableIO::batchesAndOneRebuild()
 {
     auto source = quotes("quotes", 25000);
-    RecordingIndex main, listed;
     Table target("quotes");
     for (const TableColumnDef *def : source->fieldDefs())
         target.addColumn(*def);
+    RecordingIndex main, listed;
     target.testingSetMainIndex(&main);
     target.addIndex(&listed);
     QDataStream stream(save(*source));
