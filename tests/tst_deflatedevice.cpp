@@ -123,6 +123,10 @@ void TestDeflateDevice::roundTrip()
     auto flushedReader = deflateOn(&flushed, format);
     flushedReader->open(QIODevice::ReadOnly | QIODevice::Unbuffered);
     QCOMPARE(flushedReader->read(half.size()), half);
+    // Read in small pieces, the bytes decoded just before the input runs out
+    // still arrive.
+    FlakyDevice piecewise(target.data());
+    QCOMPARE(decompress(&piecewise, format, bufferSize), half);
     QCOMPARE(writer->write(data.mid(half.size())), qint64(data.size() - half.size()));
     writer->close();
     QCOMPARE(writer->errorString(), kNoError);
