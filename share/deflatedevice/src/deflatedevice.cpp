@@ -404,8 +404,10 @@ qint64 DeflateDevice::readData(char *data, qint64 maxSize)
             d->setZlibError(QStringLiteral("Internal zlib error when decompressing: "), status);
             return -1;
         case Z_BUF_ERROR:
-            // No input left and no progress possible: try again later.
-            return 0;
+            // No input left and no progress possible: hand over what this
+            // call did inflate (zlib has consumed its input), and be called
+            // again when more input exists.
+            return requested - stream.avail_out;
         default:
             break;
         }

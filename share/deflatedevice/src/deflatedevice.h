@@ -65,8 +65,10 @@ class DeflateDevicePrivate;
 //    never do). A device that accepts no byte at all counts as a write error,
 //    so the retry cannot spin forever.
 //  - A read that runs out of compressed input before the end of the stream
-//    returns 0 ("nothing available yet"), also when it had decoded bytes in
-//    that call: a truncated stream reads as 0, never as an error.
+//    is not an error: it returns the bytes it did decode in that call, or 0
+//    ("nothing available yet") when there were none. A truncated stream thus
+//    reads as its decodable start and then 0, never as an error, and no
+//    decoded byte is ever dropped.
 //
 // Decisions of this implementation:
 //  - flush() does nothing before the first write (invariant 3 holds for a
