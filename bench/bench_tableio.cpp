@@ -97,50 +97,49 @@ void setBytes(benchmark::State &state)
     state.SetBytesProcessed(int64_t(state.iterations()) * fixture().plain.size());
 }
 
-void BM_SavePlain(benchmark::State &state)
+// Saves the source table in the given form, again and again.
+void save(benchmark::State &state, bool compressed)
 {
     Fixture &f = fixture();
-    DefaultCore::global()->setCompressTableFiles(false);
+    DefaultCore::global()->setCompressTableFiles(compressed);
     TableIO io(f.source.get());
     for (auto _ : state)
         if (!io.write(QDir(f.dir.path())))
             state.SkipWithError("save failed");
     setBytes(state);
+}
+
+// Loads the file of the given form into the target table, again and again.
+void load(benchmark::State &state, bool compressed)
+{
+    Fixture &f = fixture();
+    DefaultCore::global()->setCompressTableFiles(compressed);
+    TableIO(f.source.get()).write(QDir(f.dir.path()));
+    TableIO io(f.target.get());
+    for (auto _ : state)
+        if (!io.read(QDir(f.dir.path()), false) || f.target->rowCount() != kRows)
+            state.SkipWithError("load failed");
+    setBytes(state);
+}
+
+void BM_SavePlain(benchmark::State &state)
+{
+    save(state, false);
 }
 
 void BM_LoadPlain(benchmark::State &state)
 {
-    Fixture &f = fixture();
-    DefaultCore::global()->setCompressTableFiles(false);
-    TableIO(f.source.get()).write(QDir(f.dir.path()));
-    TableIO io(f.target.get());
-    for (auto _ : state)
-        if (!io.read(QDir(f.dir.path()), false) || f.target->rowCount() != kRows)
-            state.SkipWithError("load failed");
-    setBytes(state);
+    load(state, false);
 }
 
 void BM_SaveGzip(benchmark::State &state)
 {
-    Fixture &f = fixture();
-    DefaultCore::global()->setCompressTableFiles(true);
-    TableIO io(f.source.get());
-    for (auto _ : state)
-        if (!io.write(QDir(f.dir.path())))
-            state.SkipWithError("save failed");
-    setBytes(state);
+    save(state, true);
 }
 
 void BM_LoadGzip(benchmark::State &state)
 {
-    Fixture &f = fixture();
-    DefaultCore::global()->setCompressTableFiles(true);
-    TableIO(f.source.get()).write(QDir(f.dir.path()));
-    TableIO io(f.target.get());
-    for (auto _ : state)
-        if (!io.read(QDir(f.dir.path()), false) || f.target->rowCount() != kRows)
-            state.SkipWithError("load failed");
-    setBytes(state);
+    load(state, true);
 }
 
 void BM_RawWrite(benchmark::State &state)
