@@ -8,7 +8,7 @@
 #      summary closes the output.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/deps.sh clang clang-format libbenchmark-dev
+scripts/deps.sh clang libclang-rt-14-dev clang-format libbenchmark-dev
 jobs=$(nproc)
 export QT_QPA_PLATFORM=offscreen
 
