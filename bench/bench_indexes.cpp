@@ -23,29 +23,13 @@
 #include <string>
 #include <vector>
 
+#include "columnview.h"
 #include "ratioreporter.h"
 
 namespace {
 
 constexpr int kRows = 1000000;
 enum Column { Id, Instrument, Price, Quantity, Time, Side };
-
-// A sorted index ordered like a column key over the given columns.
-class ByColumns : public IndexSort
-{
-public:
-    ByColumns(Table *table, const QStringList &columns)
-        : IndexSort(table, true)
-        , m_key(table, columns)
-    {
-    }
-    int compare(const Record &a, const Record &b) const override { return m_key.compare(a, b); }
-    // For shuffling before a resort.
-    PartitionList<Record> &list() { return records(); }
-
-private:
-    MasterIndex_Column_Pure m_key;
-};
 
 struct Quotes
 {

@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "columnview.h"
 #include "ratioreporter.h"
 
 namespace {
@@ -29,20 +30,6 @@ constexpr int kRows = 1000000;
 constexpr int kBatch = 1000;
 constexpr int kBatches = kRows / kBatch;
 enum Column { Id, Instrument, Price, Quantity };
-
-class ByColumns : public IndexSort
-{
-public:
-    ByColumns(Table *table, const QStringList &columns)
-        : IndexSort(table, true)
-        , m_key(table, columns)
-    {
-    }
-    int compare(const Record &a, const Record &b) const override { return m_key.compare(a, b); }
-
-private:
-    MasterIndex_Column_Pure m_key;
-};
 
 // A view that may hold every row: the transactions ask it for evictions on
 // every batch, and it never has any to make.
