@@ -171,12 +171,11 @@ MasterIndex_Column_Pure::~MasterIndex_Column_Pure() = default;
 
 int MasterIndex_Column_Pure::compare(const Record &first, const Record &second) const
 {
+    int settled;
+    if (compareWithoutCells(first, second, &settled))
+        return settled;
     const unsigned char *a = first.row();
     const unsigned char *b = second.row();
-    if (a == b)
-        return 0;
-    if (!a || !b)
-        return a ? 1 : -1;
     for (const TableColumnDef *column : keyColumns()) {
         const bool aPresent = (a[16 + column->flagOffset] & column->flagMask) != 0;
         const bool bPresent = (b[16 + column->flagOffset] & column->flagMask) != 0;

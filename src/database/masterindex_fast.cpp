@@ -59,12 +59,11 @@ void MasterIndex_Fast_Pure::setup()
 
 int MasterIndex_Fast_Pure::compare(const Record &first, const Record &second) const
 {
+    int settled;
+    if (compareWithoutCells(first, second, &settled))
+        return settled;
     const unsigned char *a = first.row();
     const unsigned char *b = second.row();
-    if (a == b)
-        return 0;
-    if (!a || !b)
-        return a ? 1 : -1;
     const int c = std::memcmp(a + d->offset, b + d->offset, size_t(d->length));
     return c < 0 ? -1 : (c > 0 ? 1 : 0);
 }

@@ -18,6 +18,17 @@ MasterIndex::MasterIndex(Table *table)
 
 MasterIndex::~MasterIndex() = default;
 
+bool MasterIndex::compareWithoutCells(const Record &first, const Record &second, int *result)
+{
+    if (first.row() == second.row())
+        *result = 0;
+    else if (first.isNull() || second.isNull())
+        *result = first.isNull() ? -1 : 1;
+    else
+        return false;
+    return true;
+}
+
 const char *MasterIndex::getClassName() const
 {
     return "MasterIndex";

@@ -60,6 +60,9 @@ public:
 
 protected:
     void setKeyColumns(const QList<const TableColumnDef *> &columns);
+    // The comparison that needs no cell: 0 for the same row, a null record
+    // before any row. True when it settles the order, with *result set.
+    static bool compareWithoutCells(const Record &first, const Record &second, int *result);
 
 private:
     Q_DISABLE_COPY(MasterIndex)
