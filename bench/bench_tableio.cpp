@@ -3,7 +3,7 @@
 // the plain file's bytes raw, and zlib compressing and decompressing them
 // alone (in memory, gzip format, level 6). Prints the ratios at the end
 // (table file rate / peer rate; 1 means no overhead over the peer).
-#include <core/icore.h>
+#include <database/core/icore.h>
 #include <database/decimal.h>
 #include <database/masterindex.h>
 #include <database/table.h>

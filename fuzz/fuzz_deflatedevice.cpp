@@ -1,7 +1,7 @@
 // Fuzz target of DeflateDevice: arbitrary bytes are read as a compressed
 // stream in each format, with a work buffer and read size chosen by the first
 // bytes, and then compressed and read back, which must give them unchanged.
-#include <deflatedevice.h>
+#include <database/deflatedevice.h>
 
 #include <QBuffer>
 

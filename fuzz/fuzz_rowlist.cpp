@@ -1,7 +1,7 @@
 // Fuzz target of row lists: arbitrary bytes are read as a sequence of row
 // lists while the host knows a table named "quotes". Reading may fail; it
 // must never crash, hang, or hand out records of another table.
-#include <core/icore.h>
+#include <database/core/icore.h>
 #include <database/table.h>
 #include <database/tableio.h>
 
@@ -25,7 +25,7 @@ Table *knownTable()
         t->addColumn(QStringLiteral("name"), FieldType::VarChar, 8);
         t->addColumn(QStringLiteral("price"), FieldType::Decimal, 4);
         t->addColumn(QStringLiteral("qty"), FieldType::Double);
-        DefaultCore::global()->addTable(t);
+        DefaultCore::global()->addTable(t->name(), t);
         return t;
     }();
     return table;

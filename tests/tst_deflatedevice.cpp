@@ -1,4 +1,4 @@
-#include <deflatedevice.h>
+#include <database/deflatedevice.h>
 
 #include <QtTest>
 

@@ -5,7 +5,7 @@
 #include "indexchecker.h"
 #include "testindexes.h"
 
-#include <core/icore.h>
+#include <database/core/icore.h>
 #include <database/database.h>
 
 #include <QtConcurrent>
@@ -54,7 +54,7 @@ void tst_IndexSort::init()
 void tst_IndexSort::listByNameAndLock()
 {
     table->appendList({ rows[4], rows[2], rows[0] });
-    DefaultCore::global()->addTable(table);
+    DefaultCore::global()->addTable(table->name(), table);
     {
         IndexList byName(QStringLiteral("quotes"), true);
         QVERIFY(table->indexes().contains(&byName));

@@ -1,4 +1,4 @@
-#include <core/icore.h>
+#include <database/core/icore.h>
 #include <database/database.h>
 
 #include "indexchecker.h"
@@ -424,7 +424,7 @@ void TestTableIO::rowLists()
 {
     auto known = quotes("known", 3);
     auto stranger = quotes("stranger", 4);
-    DefaultCore::global()->addTable(known.get());
+    DefaultCore::global()->addTable(known->name(), known.get());
     PartitionList<Record> strangers, knowns, read;
     for (const Record &record : IndexChecker::rowsOf(stranger->masterIndex()))
         strangers.append(record);
@@ -449,7 +449,7 @@ void TestTableIO::rowLists()
 
     Table other("stranger");
     other.addColumn("id", FieldType::Integer);
-    DefaultCore::global()->addTable(&other);
+    DefaultCore::global()->addTable(other.name(), &other);
     QDataStream again(bytes);
     QTest::ignoreMessage(QtWarningMsg, QRegularExpression("layout"));
     QVERIFY(!io.readRowList(progress, again, read));

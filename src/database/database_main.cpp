@@ -3,9 +3,9 @@
 // so that variants holding them compare, stream and convert to text, and
 // queued signals can carry them.
 
-#include "database/datetime.h"
-#include "database/decimal.h"
-#include "database/record.h"
+#include <database/datetime.h>
+#include <database/decimal.h>
+#include <database/record.h>
 
 #include <QMetaType>
 #include <QSequentialIterable>

@@ -20,7 +20,7 @@
 // Bad files and arguments end with a message on stderr and a non-zero exit:
 // 1 for a file that cannot be read, 2 for a usage error.
 
-#include <core/icore.h>
+#include <database/core/icore.h>
 #include <database/database.h>
 #include <database/decimal.h>
 #include <database/masterindex.h>

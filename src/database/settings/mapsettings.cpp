@@ -1,6 +1,6 @@
-#include "database/settings/mapsettings.h"
+#include <database/settings/mapsettings.h>
 
-#include "database/settings/qtjsonsettings.h"
+#include <database/settings/qtjsonsettings.h>
 
 class MapSettingsPrivate
 {

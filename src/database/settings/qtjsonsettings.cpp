@@ -1,6 +1,6 @@
-#include "database/settings/qtjsonsettings.h"
+#include <database/settings/qtjsonsettings.h>
 
-#include "core/log.h"
+#include <database/core/log.h>
 
 #include <QFile>
 #include <QJsonArray>

@@ -1,4 +1,4 @@
-#include "database/settings/settings.h"
+#include <database/settings/settings.h>
 
 #include <QPointer>
 

@@ -1,7 +1,0 @@
-#include "core/log.h"
-
-const QLoggingCategory &QGuiLog()
-{
-    static const QLoggingCategory category("QGuiLog");
-    return category;
-}

@@ -1,0 +1,452 @@
+#include <database/undo.h>
+
+#include <database/masterindex_struct.h>
+#include <database/recordstrans.h>
+#include <database/table.h>
+
+#include <QDebug>
+
+#include <new>
+
+namespace {
+
+// Holds the table's update bracket open for a scope, closing it also when an
+// exception passes.
+class UpdateBracket
+{
+public:
+    explicit UpdateBracket(Table *table)
+        : m_table(table)
+    {
+        if (m_table)
+            m_table->beginUpdate();
+    }
+    ~UpdateBracket()
+    {
+        if (m_table)
+            m_table->endUpdate();
+    }
+
+private:
+    Q_DISABLE_COPY(UpdateBracket)
+    Table *m_table;
+};
+
+MasterIndex *masterOf(const Table *table, const char *command)
+{
+    MasterIndex *master = table ? table->masterIndex() : nullptr;
+    if (!master)
+        qWarning("Undo::%s: table '%s' has no master index; the command is skipped", command,
+                 table ? qPrintable(table->name()) : "(none)");
+    return master;
+}
+
+// The table's row with the record's primary key, or the null record.
+Record rowWithKey(const MasterIndex *master, const Record &key)
+{
+    const int position = master->search(key, -1);
+    return position == -1 ? Record() : master->at(position);
+}
+
+// Appends a fresh clone of `record` to the record's own table.
+void appendClone(Table *bracketed, const Record &record, const char *command)
+{
+    if (record.isNull()) {
+        qWarning("Undo::%s: the command holds no record", command);
+        return;
+    }
+    const UpdateBracket bracket(bracketed);
+    Table *table = record.table();
+    unsigned char *row = table->cloneRow(record.row());
+    if (!row)
+        throw std::bad_alloc();
+    table->appendRow(row);
+}
+
+// Removes the table's row with the record's primary key, if there is one.
+void removeByKey(Table *table, const Record &record, const char *command)
+{
+    const UpdateBracket bracket(table);
+    const MasterIndex *master = masterOf(table, command);
+    if (!master || record.isNull())
+        return;
+    const Record row = rowWithKey(master, record);
+    if (!row.isNull())
+        table->remove(row, -1);
+}
+
+// Copies `content` into the table's row with the primary key of `key` and
+// reports every column of it as updated.
+void overwriteByKey(Table *table, const Record &key, const Record &content, const char *command)
+{
+    const UpdateBracket bracket(table);
+    const MasterIndex *master = masterOf(table, command);
+    if (!master || key.isNull())
+        return;
+    Record row = rowWithKey(master, key);
+    if (row.isNull())
+        return;
+    row.copy(content);
+    table->updated(row, 0, table->columnCount() - 1, -1);
+}
+
+Record cloneOrThrow(const Record &record)
+{
+    Record copy = record.clone();
+    if (copy.isNull() && !record.isNull())
+        throw std::bad_alloc();
+    return copy;
+}
+
+} // namespace
+
+namespace Undo {
+
+// --- Insert and Delete ---------------------------------------------------------------
+
+class Insert::Private
+{
+public:
+    Table *table;
+    Record record;
+};
+
+Insert::Insert(Table *table, const Record &record)
+    : d(new Private { table, record })
+{
+}
+
+Insert::~Insert() = default;
+
+void Insert::redo()
+{
+    appendClone(d->table, d->record, "Insert::redo");
+    QUndoCommand::redo();
+}
+
+void Insert::undo()
+{
+    removeByKey(d->table, d->record, "Insert::undo");
+    QUndoCommand::undo();
+}
+
+class Delete::Private
+{
+public:
+    Table *table;
+    Record record;
+};
+
+Delete::Delete(Table *table, const Record &record)
+    : d(new Private { table, record })
+{
+}
+
+Delete::~Delete() = default;
+
+void Delete::redo()
+{
+    removeByKey(d->table, d->record, "Delete::redo");
+    QUndoCommand::redo();
+}
+
+void Delete::undo()
+{
+    appendClone(d->table, d->record, "Delete::undo");
+    QUndoCommand::undo();
+}
+
+// --- Update ----------------------------------------------------------------------------
+
+class Update::Private
+{
+public:
+    Table *table;
+    Record oldRecord;
+    Record newRecord;
+};
+
+Update::Update(Table *table, const Record &oldRecord, const Record &newRecord)
+    : d(new Private { table, oldRecord, newRecord })
+{
+}
+
+Update::~Update() = default;
+
+void Update::undo()
+{
+    overwriteByKey(d->table, d->newRecord, d->oldRecord, "Update::undo");
+    QUndoCommand::undo();
+}
+
+void Update::redo()
+{
+    overwriteByKey(d->table, d->oldRecord, d->newRecord, "Update::redo");
+    QUndoCommand::redo();
+}
+
+// --- Clear -----------------------------------------------------------------------------
+
+class Clear::Private
+{
+public:
+    Table *table;
+    QList<Record> saved;
+};
+
+Clear::Clear(Table *table)
+    : d(new Private { table, QList<Record>() })
+{
+}
+
+Clear::~Clear() = default;
+
+int Clear::savedCount() const
+{
+    return d->saved.size();
+}
+
+void Clear::redo()
+{
+    if (d->table) {
+        const UpdateBracket bracket(d->table);
+        if (const MasterIndex *master = d->table->masterIndex()) {
+            for (auto it = master->begin(), end = master->end(); it != end; ++it)
+                d->saved.append(cloneOrThrow(*it));
+        }
+        d->table->clear();
+    }
+    QUndoCommand::redo();
+}
+
+void Clear::undo()
+{
+    const UpdateBracket bracket(d->table);
+    const MasterIndex *master = masterOf(d->table, "Clear::undo");
+    if (!master) {
+        QUndoCommand::undo();
+        return;
+    }
+    RecordsTrans trans(d->table);
+    for (const Record &saved : qAsConst(d->saved)) {
+        const Record copy = cloneOrThrow(saved);
+        RecordUpdater updater(&trans, master->find(copy, -1));
+        if (!updater.record().isNull())
+            updater.updateInMap();
+        else
+            updater.insertInMap(copy);
+    }
+    d->saved.clear();
+    QUndoCommand::undo();
+}
+
+// --- Transaction -------------------------------------------------------------------------
+
+class Transaction::Private
+{
+public:
+    Table *table;
+};
+
+namespace {
+
+// Lends the record transaction to the children for one replay.
+class TransLoan
+{
+public:
+    TransLoan(Transaction *command, RecordsTrans *trans)
+        : m_command(command)
+    {
+        m_command->prepareTrans(trans);
+    }
+    ~TransLoan() { m_command->prepareTrans(nullptr); }
+
+private:
+    Q_DISABLE_COPY(TransLoan)
+    Transaction *m_command;
+};
+
+} // namespace
+
+Transaction::Transaction(Table *table)
+    : d(new Private { table })
+{
+}
+
+Transaction::~Transaction() = default;
+
+Table *Transaction::table() const
+{
+    return d->table;
+}
+
+int Transaction::prepareTrans(RecordsTrans *trans)
+{
+    const int children = childCount();
+    for (int i = 0; i < children; ++i) {
+        // The children are ours; child() hands them out as const only.
+        auto *command = dynamic_cast<TransCommand *>(const_cast<QUndoCommand *>(child(i)));
+        if (command)
+            command->setRecordTrans(trans);
+    }
+    return children;
+}
+
+void Transaction::redo()
+{
+    const UpdateBracket bracket(d->table);
+    RecordsTrans trans(d->table);
+    const TransLoan loan(this, &trans);
+    QUndoCommand::redo();
+}
+
+void Transaction::undo()
+{
+    const UpdateBracket bracket(d->table);
+    RecordsTrans trans(d->table);
+    const TransLoan loan(this, &trans);
+    QUndoCommand::undo();
+}
+
+// --- TransCommand --------------------------------------------------------------------------
+
+class TransCommand::Private
+{
+public:
+    RecordsTrans *trans = nullptr;
+};
+
+TransCommand::TransCommand(Transaction *parent)
+    : QUndoCommand(parent)
+    , d(new Private)
+{
+}
+
+TransCommand::~TransCommand() = default;
+
+void TransCommand::setRecordTrans(RecordsTrans *trans)
+{
+    d->trans = trans;
+}
+
+RecordsTrans *TransCommand::recordTrans() const
+{
+    return d->trans;
+}
+
+bool TransCommand::locate(RecordUpdater &updater, const Record &key) const
+{
+    RecordsTrans *trans = updater.transaction();
+    if (!trans) {
+        qWarning("Undo::TransCommand: replayed outside its transaction; nothing is done");
+        return false;
+    }
+    const MasterIndex *master = masterOf(trans->table(), "TransCommand");
+    if (!master)
+        return false;
+    if (key.isNull()) {
+        qWarning("Undo::TransCommand: the command holds no record");
+        return false;
+    }
+    updater.setRecord(master->find(key, -1));
+    if (!updater.record().isNull())
+        updater.updateInMap();
+    else
+        updater.insertInMap(key);
+    return true;
+}
+
+// --- TransInsert and TransDelete -------------------------------------------------------------
+
+class TransInsert::Private
+{
+public:
+    Record record;
+};
+
+TransInsert::TransInsert(const Record &record, Transaction *parent)
+    : TransCommand(parent)
+    , d(new Private { record })
+{
+}
+
+TransInsert::~TransInsert() = default;
+
+void TransInsert::redo()
+{
+    RecordUpdater updater(recordTrans());
+    locate(updater, d->record);
+    QUndoCommand::redo();
+}
+
+void TransInsert::undo()
+{
+    RecordUpdater updater(recordTrans());
+    if (locate(updater, d->record))
+        updater.remove();
+    QUndoCommand::undo();
+}
+
+class TransDelete::Private
+{
+public:
+    Record record;
+};
+
+TransDelete::TransDelete(const Record &record, Transaction *parent)
+    : TransCommand(parent)
+    , d(new Private { record })
+{
+}
+
+TransDelete::~TransDelete() = default;
+
+void TransDelete::redo()
+{
+    RecordUpdater updater(recordTrans());
+    if (locate(updater, d->record))
+        updater.remove();
+    QUndoCommand::redo();
+}
+
+void TransDelete::undo()
+{
+    RecordUpdater updater(recordTrans());
+    locate(updater, d->record);
+    QUndoCommand::undo();
+}
+
+// --- TransUpdate -------------------------------------------------------------------------------
+
+class TransUpdate::Private
+{
+public:
+    Record oldRecord;
+    Record newRecord;
+};
+
+TransUpdate::TransUpdate(const Record &oldRecord, const Record &newRecord, Transaction *parent)
+    : TransCommand(parent)
+    , d(new Private { oldRecord, newRecord })
+{
+}
+
+TransUpdate::~TransUpdate() = default;
+
+void TransUpdate::undo()
+{
+    RecordUpdater updater(recordTrans());
+    if (locate(updater, d->newRecord))
+        updater = d->oldRecord;
+    QUndoCommand::undo();
+}
+
+void TransUpdate::redo()
+{
+    RecordUpdater updater(recordTrans());
+    if (locate(updater, d->oldRecord))
+        updater = d->newRecord;
+    QUndoCommand::redo();
+}
+
+} // namespace Undo

@@ -1,0 +1,910 @@
+#include <database/tableio.h>
+
+#include <database/core/icore.h>
+#include <database/deflatedevice.h>
+#include <database/exception.h>
+#include <database/fielddefconvertor.h>
+#include <database/indexlist.h>
+#include <database/masterindex_struct.h>
+#include <database/table.h>
+#include <database/tablerebuilder.h>
+
+#include <QDataStream>
+#include <QDir>
+#include <QFile>
+#include <QSaveFile>
+
+#include <cstring>
+
+#include <limits>
+#include <memory>
+#include <new>
+#include <typeinfo>
+
+namespace {
+
+// The longest VarChar a file may declare, in UTF-16 units: string cells are
+// read with a 16-bit counter, so longer ones cannot exist in a working table.
+const int kMaxStringLength = 32767;
+// The longest stored row a file may declare: well beyond any real table, and
+// small enough that no count in a header can make a load allocate without
+// bound or overflow a row's size.
+const qint64 kMaxRowLength = 16 << 20;
+
+int flagBytesFor(int columnCount)
+{
+    return (columnCount + 7) / 8;
+}
+
+// Whether the device has reported an error of its own (QIODevice starts
+// with "Unknown error" as its error string).
+bool hasDeviceError(const QIODevice &device)
+{
+    const QString error = device.errorString();
+    return !error.isEmpty() && error != QLatin1String("Unknown error");
+}
+
+bool streamOk(const QDataStream &stream)
+{
+    return stream.status() == QDataStream::Ok;
+}
+
+// Frees a row block of a table when it goes out of scope.
+struct RowGuard
+{
+    const Table *table;
+    unsigned char *row;
+    ~RowGuard()
+    {
+        if (row)
+            table->freeRow(row);
+    }
+};
+
+// Deletes the convertors of a load on every path.
+struct ConvertorsGuard
+{
+    QList<FieldDefConvertor *> &list;
+    ~ConvertorsGuard()
+    {
+        qDeleteAll(list);
+        list.clear();
+    }
+};
+
+// An update bracket of the table, closed on every path.
+struct UpdateBracket
+{
+    explicit UpdateBracket(Table *table)
+        : table(table)
+    {
+        table->beginUpdate();
+    }
+    ~UpdateBracket() { table->endUpdate(); }
+    Table *table;
+};
+
+struct TableLock
+{
+    explicit TableLock(const Table *table)
+        : table(table)
+    {
+        table->lock();
+    }
+    ~TableLock() { table->unlock(); }
+    const Table *table;
+};
+
+// Stored rows are moved through a buffer of about this many bytes, so that a
+// stream sees one read or write per block of rows rather than one per cell.
+const int kBlockBytes = 1 << 16;
+
+// Hands out the stored rows of one row section, read from the stream a block
+// at a time. It never reads past the section's `rows` rows, so that whatever
+// follows the section on the stream (another row list) stays unread.
+class StoredRowReader
+{
+public:
+    StoredRowReader(QDataStream &stream, int storedSize, qint64 rows)
+        : m_stream(stream)
+        , m_storedSize(storedSize)
+        , m_left(rows)
+        , m_blockRows(qMax(1, kBlockBytes / qMax(1, storedSize)))
+    {
+    }
+    // The next stored row, or null when the data ends first.
+    const unsigned char *next()
+    {
+        if (m_pos + m_storedSize > m_end && !refill())
+            return nullptr;
+        const unsigned char *row
+            = reinterpret_cast<const unsigned char *>(m_buffer.constData()) + m_pos;
+        m_pos += m_storedSize;
+        return row;
+    }
+
+private:
+    bool refill()
+    {
+        const qint64 rows = qMin<qint64>(m_left, m_blockRows);
+        if (rows <= 0)
+            return false;
+        // Grows with the data actually read, never on a count's word alone.
+        if (m_buffer.size() < rows * m_storedSize)
+            m_buffer.resize(int(rows * m_storedSize));
+        const int read = m_stream.readRawData(m_buffer.data(), int(rows * m_storedSize));
+        m_left = read == rows * m_storedSize ? m_left - rows : 0;
+        m_pos = 0;
+        m_end = read < 0 ? 0 : read - read % m_storedSize;
+        return m_end > 0;
+    }
+
+    QDataStream &m_stream;
+    const int m_storedSize;
+    qint64 m_left;
+    const int m_blockRows;
+    QByteArray m_buffer;
+    int m_pos = 0;
+    int m_end = 0;
+};
+
+// Collects stored rows and writes them to the stream a block at a time.
+class StoredRowWriter
+{
+public:
+    StoredRowWriter(QDataStream &stream, const QList<TableColumnDef *> &columns, int rowLength,
+                    int flagBytes)
+        : m_stream(stream)
+        , m_columns(columns)
+        , m_rowLength(rowLength)
+        , m_flagBytes(flagBytes)
+    {
+        m_buffer.reserve(kBlockBytes + rowLength + flagBytes);
+    }
+    ~StoredRowWriter() { flush(); }
+    void append(const unsigned char *row)
+    {
+        for (const TableColumnDef *column : m_columns)
+            m_buffer.append(reinterpret_cast<const char *>(row + 16 + column->offset),
+                            int(column->size));
+        m_buffer.append(reinterpret_cast<const char *>(row + 16 + m_rowLength), m_flagBytes);
+        if (m_buffer.size() >= kBlockBytes)
+            flush();
+    }
+    void flush()
+    {
+        if (!m_buffer.isEmpty())
+            m_stream.writeRawData(m_buffer.constData(), m_buffer.size());
+        m_buffer.resize(0);
+    }
+
+private:
+    QDataStream &m_stream;
+    const QList<TableColumnDef *> &m_columns;
+    const int m_rowLength;
+    const int m_flagBytes;
+    QByteArray m_buffer;
+};
+
+// Places a stored row's cells at the columns' padded places of a row block
+// and its flag bytes after the data area.
+void unpackRow(const unsigned char *stored, const QList<TableColumnDef *> &columns, int rowLength,
+               int flagBytes, unsigned char *row)
+{
+    for (const TableColumnDef *column : columns) {
+        std::memcpy(row + 16 + column->offset, stored, size_t(column->size));
+        stored += column->size;
+    }
+    std::memcpy(row + 16 + rowLength, stored, size_t(flagBytes));
+}
+
+// Whether the conversions copy every column of the table from the file column
+// at the same place: the file's layout is the table's, and stored rows can go
+// straight into the table's rows.
+bool copiesEveryColumnInPlace(const QList<FieldDefConvertor *> &conversions, const Table *table,
+                              const Table *scratch)
+{
+    if (conversions.size() != table->columnCount()
+        || scratch->columnCount() != table->columnCount())
+        return false;
+    for (int i = 0; i < conversions.size(); ++i) {
+        const FieldDefConvertor *c = conversions.at(i);
+        const bool copy = dynamic_cast<const FieldDefConvertor_Copy4 *>(c)
+            || dynamic_cast<const FieldDefConvertor_Copy8 *>(c)
+            || dynamic_cast<const FieldDefConvertor_CopySized *>(c);
+        if (!copy || c->source()->index != i || c->target()->index != i
+            || c->source()->size != c->target()->size)
+            return false;
+    }
+    return true;
+}
+
+// Skips `bytes` bytes of the stream; false when it ends first.
+bool skipBytes(QDataStream &stream, qint64 bytes)
+{
+    while (bytes > 0) {
+        const int chunk = int(qMin<qint64>(bytes, std::numeric_limits<int>::max()));
+        if (stream.skipRawData(chunk) != chunk)
+            return false;
+        bytes -= chunk;
+    }
+    return true;
+}
+
+// Whether the table's columns have exactly the header's types and sizes.
+bool sameLayout(const Table *table, const TableIO::TableHeader &header)
+{
+    const QList<TableColumnDef *> &columns = table->fieldDefs();
+    if (columns.size() != header.columns.size())
+        return false;
+    for (int i = 0; i < columns.size(); ++i) {
+        if (columns.at(i)->type != header.columns.at(i).type
+            || columns.at(i)->size != header.columns.at(i).size)
+            return false;
+    }
+    return true;
+}
+
+// Bytes of a list-shaped index of `count` rows that does not account for
+// itself: parts of at most 9999 handles (as appends fill them), each allocated
+// for 10002.
+qint64 estimatedListBytes(int count)
+{
+    const qint64 partSize = 10000;
+    const qint64 parts = (qint64(count) + partSize - 2) / (partSize - 1);
+    const qint64 partOverhead = 2 * qint64(sizeof(int)) + 2 * qint64(sizeof(void *));
+    return parts * ((partSize + 2) * qint64(sizeof(Record)) + partOverhead)
+        + (parts + 2) * qint64(sizeof(void *));
+}
+
+qint64 indexBytes(const Index *index)
+{
+    if (const auto *list = dynamic_cast<const IndexList *>(index))
+        return list->memoryUsage();
+    if (const auto *iterative = dynamic_cast<const IndexIterative *>(index))
+        return estimatedListBytes(iterative->count());
+    return 0;
+}
+
+// Names the file in the messages of one save or load.
+struct FileContext
+{
+    FileContext(QString &slot, const QString &path)
+        : slot(slot)
+    {
+        slot = path;
+    }
+    ~FileContext() { slot.clear(); }
+    QString &slot;
+};
+
+} // namespace
+
+// --- FilterProgress ---------------------------------------------------------------------
+
+FilterProgress::~FilterProgress() = default;
+
+bool FilterProgressTrue::operator()(int, int)
+{
+    return true;
+}
+
+bool FilterProgressTrue::filter(const Record &) const
+{
+    return true;
+}
+
+bool FilterProgressTrue::isDefault(const FilterProgress &progress)
+{
+    return typeid(progress) == typeid(FilterProgressTrue);
+}
+
+// --- ConvertKey -----------------------------------------------------------------------------
+
+bool TableIO::ConvertKey::operator<(const ConvertKey &other) const
+{
+    if (first != other.first)
+        return first < other.first;
+    return second < other.second;
+}
+
+bool TableIO::ConvertKey::operator==(const ConvertKey &other) const
+{
+    return first == other.first && second == other.second;
+}
+
+// --- TableIO ----------------------------------------------------------------------------------
+
+class TableIOPrivate
+{
+public:
+    Table *table = nullptr;
+    QString error;
+    // The file being saved or loaded, named in every message about it.
+    QString file;
+
+    bool fail(const QString &message)
+    {
+        error = file.isEmpty() ? message : QStringLiteral("%1: %2").arg(file, message);
+        qWarning("TableIO: %s", qPrintable(error));
+        return false;
+    }
+    QString tableName() const { return table ? table->name() : QStringLiteral("(none)"); }
+};
+
+TableIO::TableIO(Table *table)
+    : d(new TableIOPrivate)
+{
+    d->table = table;
+}
+
+TableIO::~TableIO() = default;
+
+Table *TableIO::table() const
+{
+    return d->table;
+}
+
+QString TableIO::errorString() const
+{
+    return d->error;
+}
+
+QString TableIO::fileName(const QDir &dir) const
+{
+    return dir.filePath(d->table ? d->table->name() : QString());
+}
+
+QString TableIO::compressedFileName(const QDir &dir) const
+{
+    return fileName(dir) + QStringLiteral(".gz");
+}
+
+// --- header ------------------------------------------------------------------------------------
+
+void TableIO::setupHeader(TableHeader &header, const Table *table)
+{
+    const QList<TableColumnDef *> &defs = table->fieldDefs();
+    const MasterIndex *master = table->masterIndex();
+    header.magic = Magic;
+    header.columnCount = qint16(defs.size());
+    header.rowCount = master ? master->count() : 0;
+    header.rowLength = table->rowLengthUnaligned();
+    header.flagBytes = flagBytesFor(table->columnCount());
+    header.columns.clear();
+    for (const TableColumnDef *def : defs)
+        header.columns.append(TableColumnDef(nullptr, *def));
+    header.keyColumns = master ? master->columnNames() : QStringList();
+}
+
+void TableIO::writeHeader(const TableHeader &header, QDataStream &stream)
+{
+    stream << header.magic << header.columnCount << header.rowCount << header.rowLength
+           << header.flagBytes;
+    for (const TableColumnDef &column : header.columns)
+        column.write(stream);
+    stream << qint32(header.keyColumns.size());
+    for (const QString &name : header.keyColumns)
+        stream << name;
+}
+
+bool TableIO::readHeader(TableHeader &header, QDataStream &stream)
+{
+    d->error.clear();
+    header = TableHeader();
+    stream >> header.magic >> header.columnCount >> header.rowCount >> header.rowLength
+        >> header.flagBytes;
+    if (!streamOk(stream))
+        return d->fail(QStringLiteral("Table %1: the header is truncated.").arg(d->tableName()));
+    if (header.columnCount < 0)
+        return d->fail(QStringLiteral("Table %1: negative column count %2 in the header.")
+                           .arg(d->tableName())
+                           .arg(header.columnCount));
+    for (int i = 0; i < header.columnCount; ++i) {
+        TableColumnDef column;
+        column.read(stream);
+        if (!streamOk(stream))
+            return d->fail(QStringLiteral("Table %1: the header ends inside column record %2.")
+                               .arg(d->tableName())
+                               .arg(i));
+        header.columns.append(column);
+    }
+    qint32 keyCount = 0;
+    stream >> keyCount;
+    if (!streamOk(stream) || keyCount < 0)
+        return d->fail(
+            QStringLiteral("Table %1: bad key-column count in the header.").arg(d->tableName()));
+    for (qint32 i = 0; i < keyCount; ++i) {
+        QString name;
+        stream >> name;
+        if (!streamOk(stream))
+            return d->fail(QStringLiteral("Table %1: the header ends inside the key columns.")
+                               .arg(d->tableName()));
+        header.keyColumns.append(name);
+    }
+    return true;
+}
+
+bool TableIO::checkHeader(const TableHeader &header)
+{
+    d->error.clear();
+    const QString table = d->tableName();
+    if (header.magic != Magic)
+        return d->fail(QStringLiteral("Table %1: not a table file (magic 0x%2).")
+                           .arg(table)
+                           .arg(quint32(header.magic), 8, 16, QLatin1Char('0')));
+    if (header.columnCount != header.columns.size() || header.rowCount < 0 || header.rowLength < 0)
+        return d->fail(QStringLiteral("Table %1: inconsistent counts in the header.").arg(table));
+    qint64 rowLength = 0;
+    for (const TableColumnDef &column : header.columns) {
+        if (column.type <= FieldType::Invalid || column.type > FieldType::BoardList)
+            return d->fail(QStringLiteral("Table %1: column '%2' has the unknown type %3.")
+                               .arg(table, column.name)
+                               .arg(int(column.type)));
+        if (column.type == FieldType::VarChar
+            && (column.length < 1 || column.length > kMaxStringLength))
+            return d->fail(QStringLiteral("Table %1: column '%2' has the bad string length %3.")
+                               .arg(table, column.name)
+                               .arg(column.length));
+        const int size = FieldType::typeLength(column.type, column.length);
+        if (column.size != size)
+            return d->fail(
+                QStringLiteral("Table %1: column '%2' of type %3 declares %4 bytes instead of %5.")
+                    .arg(table, column.name,
+                         FieldType::typeNameWithLength(column.type, column.length))
+                    .arg(column.size)
+                    .arg(size));
+        rowLength += size;
+    }
+    if (rowLength > kMaxRowLength)
+        return d->fail(
+            QStringLiteral("Table %1: rows of %2 bytes are too long.").arg(table).arg(rowLength));
+    if (rowLength != header.rowLength || header.flagBytes != flagBytesFor(header.columnCount))
+        return d->fail(
+            QStringLiteral("Table %1: the row length or flag bytes disagree with the columns.")
+                .arg(table));
+    return true;
+}
+
+// --- saving
+// ---------------------------------------------------------------------------------------
+
+bool TableIO::writeRows(FilterProgress &progress, const TableHeader &header, QDataStream &stream)
+{
+    d->error.clear();
+    const MasterIndex *master = d->table->masterIndex();
+    if (!master)
+        return true;
+    const bool report = !FilterProgressTrue::isDefault(progress);
+    StoredRowWriter writer(stream, d->table->fieldDefs(), d->table->rowLength(), header.flagBytes);
+    int i = 0;
+    for (auto it = master->begin(), end = master->end(); it != end; ++it, ++i) {
+        writer.append((*it).row());
+        if (report)
+            progress(i, header.rowCount);
+    }
+    writer.flush();
+    if (!streamOk(stream))
+        return d->fail(QStringLiteral("Table %1: writing the rows failed.").arg(d->tableName()));
+    return true;
+}
+
+bool TableIO::write(FilterProgress &progress, QDataStream &stream, bool withRows)
+{
+    d->error.clear();
+    if (!d->table)
+        return d->fail(QStringLiteral("no table to write"));
+    TableLock lock(d->table);
+    TableHeader header;
+    setupHeader(header, d->table);
+    writeHeader(header, stream);
+    if (withRows && !writeRows(progress, header, stream))
+        return false;
+    if (!streamOk(stream))
+        return d->fail(QStringLiteral("Table %1: writing failed.").arg(d->tableName()));
+    return true;
+}
+
+bool TableIO::write(QDataStream &stream, bool withRows)
+{
+    FilterProgressTrue progress;
+    return write(progress, stream, withRows);
+}
+
+bool TableIO::write(FilterProgress &progress, const QDir &dir, bool withRows)
+{
+    d->error.clear();
+    if (!d->table)
+        return d->fail(QStringLiteral("no table to write"));
+    const bool compress = ICore::instance()->compressTableFiles();
+    const QString path = compress ? compressedFileName(dir) : fileName(dir);
+    const QString other = compress ? fileName(dir) : compressedFileName(dir);
+    FileContext context(d->file, path);
+
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly))
+        return d->fail(QStringLiteral("can't open for writing: %1").arg(file.errorString()));
+    bool written;
+    QString deviceError;
+    if (compress) {
+        DeflateDevice compressor(&file, CompressionLevel, CompressionBufferSize);
+        compressor.setStreamFormat(DeflateDevice::GzipFormat);
+        if (!compressor.open(QIODevice::WriteOnly))
+            return d->fail(QStringLiteral("can't compress: %1").arg(compressor.errorString()));
+        QDataStream stream(&compressor);
+        written = write(progress, stream, withRows);
+        compressor.close();
+        if (hasDeviceError(compressor))
+            deviceError = compressor.errorString();
+    } else {
+        QDataStream stream(&file);
+        written = write(progress, stream, withRows);
+    }
+    if (!written)
+        return false;
+    if (!deviceError.isEmpty() || file.error() != QFileDevice::NoError) {
+        const QString reason = deviceError.isEmpty() ? file.errorString() : deviceError;
+        file.cancelWriting();
+        return d->fail(QStringLiteral("can't write: %1").arg(reason));
+    }
+    if (!file.commit())
+        return d->fail(QStringLiteral("can't commit: %1").arg(file.errorString()));
+    if (QFile::exists(other) && !QFile::remove(other))
+        return d->fail(QStringLiteral("saved, but the stale %1 can't be removed").arg(other));
+    return true;
+}
+
+bool TableIO::write(const QDir &dir)
+{
+    FilterProgressTrue progress;
+    return write(progress, dir, true);
+}
+
+// --- loading
+// ------------------------------------------------------------------------------------------
+
+bool TableIO::read(FilterProgress &progress, QDataStream &stream, bool addColumns,
+                   const Convertors &convertors)
+{
+    d->error.clear();
+    if (!d->table)
+        return d->fail(QStringLiteral("no table to read"));
+    if (!stream.device() || stream.atEnd())
+        return d->fail(QStringLiteral("Table %1: the stream is empty.").arg(d->tableName()));
+
+    Table *table = d->table;
+    TableIndexRebuilder rebuilder(table);
+    UpdateBracket bracket(table);
+    table->clear();
+
+    TableHeader header;
+    if (!readHeader(header, stream) || !checkHeader(header))
+        return false;
+
+    Table scratch(QStringLiteral("saved"), QString());
+    try {
+        for (const TableColumnDef &column : qAsConst(header.columns))
+            scratch.addColumn(column);
+    } catch (const QString &message) {
+        return d->fail(QStringLiteral("Table %1: %2").arg(d->tableName(), message));
+    }
+
+    if (addColumns) {
+        for (const TableColumnDef &column : qAsConst(header.columns)) {
+            if (column.name.isEmpty() || table->columnIndex(column.name) >= 0)
+                continue;
+            bool dropped = false;
+            for (auto it = convertors.cbegin(); it != convertors.cend(); ++it) {
+                if (it.key().first.compare(column.name, Qt::CaseInsensitive) == 0) {
+                    dropped = false;
+                    break;
+                }
+                if (it.key().first.isEmpty()
+                    && it.key().second.compare(column.name, Qt::CaseInsensitive) == 0)
+                    dropped = true;
+            }
+            if (dropped)
+                continue;
+            try {
+                table->addColumn(column.name, column.type, column.length, column.nullable,
+                                 column.title, column.auxFlag, column.description);
+            } catch (const QString &message) {
+                return d->fail(QStringLiteral("Table %1: %2").arg(d->tableName(), message));
+            }
+        }
+    }
+
+    QList<FieldDefConvertor *> conversions;
+    ConvertorsGuard conversionsGuard { conversions };
+    try {
+        make_fromDefs(conversions, &scratch, convertors);
+    } catch (const Exception &e) {
+        d->fail(QStringLiteral("Table %1: %2").arg(d->tableName(), e.message));
+        throw;
+    }
+
+    RowGuard source { &scratch, scratch.allocRow() };
+    if (!source.row)
+        throw std::bad_alloc();
+
+    const bool report = !FilterProgressTrue::isDefault(progress);
+    // Same layout: stored rows go straight into the table's rows.
+    const bool inPlace = copiesEveryColumnInPlace(conversions, table, &scratch);
+    const QList<TableColumnDef *> &fileColumns = scratch.fieldDefs();
+    const int scratchRowLength = scratch.rowLength();
+    const QList<TableColumnDef *> &tableColumns = table->fieldDefs();
+    const int tableRowLength = table->rowLength();
+    // Rows without bytes carry nothing that could back their count.
+    const int rowCount = scratch.columnCount() == 0 ? 0 : header.rowCount;
+    StoredRowReader reader(stream, header.rowLength + header.flagBytes, rowCount);
+    QList<Record> batch;
+    batch.reserve(BatchSize);
+    int loaded = 0;
+    for (; loaded < rowCount; ++loaded) {
+        if (report)
+            progress(loaded, rowCount);
+        const unsigned char *stored = reader.next();
+        if (!stored)
+            break;
+        unsigned char *row = table->allocRow();
+        if (!row)
+            throw std::bad_alloc();
+        if (inPlace) {
+            unpackRow(stored, tableColumns, tableRowLength, header.flagBytes, row);
+        } else {
+            unpackRow(stored, fileColumns, scratchRowLength, header.flagBytes, source.row);
+            convertDefs(conversions, row, source.row);
+        }
+        Record record(row);
+        if (report && !progress.filter(record))
+            continue;
+        if (batch.size() >= BatchSize) {
+            table->appendList(batch);
+            batch.clear();
+            batch.reserve(BatchSize);
+        }
+        batch.append(record);
+    }
+    if (!batch.isEmpty())
+        table->appendList(batch);
+
+    int failures = 0;
+    for (const FieldDefConvertor *conversion : qAsConst(conversions))
+        failures += conversion->failures();
+    if (failures > 0)
+        qWarning("TableIO: table %s: %d values could not be converted and were loaded as null",
+                 qPrintable(d->tableName()), failures);
+    if (loaded < rowCount)
+        return d->fail(QStringLiteral("Table %1: the data ends after %2 of %3 rows.")
+                           .arg(d->tableName())
+                           .arg(loaded)
+                           .arg(rowCount));
+    return true;
+}
+
+bool TableIO::read(QDataStream &stream, bool addColumns, const Convertors &convertors)
+{
+    FilterProgressTrue progress;
+    return read(progress, stream, addColumns, convertors);
+}
+
+bool TableIO::read(QDataStream &stream, bool addColumns)
+{
+    return read(stream, addColumns, Convertors());
+}
+
+bool TableIO::read(FilterProgress &progress, const QDir &dir, bool addColumns)
+{
+    d->error.clear();
+    if (!d->table)
+        return d->fail(QStringLiteral("no table to read"));
+    const QString plainPath = fileName(dir);
+    QFile plain(plainPath);
+    if (plain.open(QIODevice::ReadOnly)) {
+        FileContext context(d->file, plainPath);
+        QDataStream stream(&plain);
+        return read(progress, stream, addColumns, Convertors());
+    }
+    const QString gzipPath = compressedFileName(dir);
+    QFile gzip(gzipPath);
+    if (!gzip.open(QIODevice::ReadOnly))
+        return d->fail(QStringLiteral("No table file %1 (nor %2): %3")
+                           .arg(plainPath, gzipPath, plain.errorString()));
+    FileContext context(d->file, gzipPath);
+    DeflateDevice decompressor(&gzip, CompressionLevel, CompressionBufferSize);
+    decompressor.setStreamFormat(DeflateDevice::GzipFormat);
+    if (!decompressor.open(QIODevice::ReadOnly))
+        return d->fail(decompressor.errorString());
+    QDataStream stream(&decompressor);
+    if (!read(progress, stream, addColumns, Convertors())) {
+        if (hasDeviceError(decompressor))
+            d->error += QStringLiteral(" (%1)").arg(decompressor.errorString());
+        return false;
+    }
+    // The gzip trailer's checksum is verified only when the end of the
+    // compressed stream is read: ask for one more byte.
+    char probe;
+    if (decompressor.read(&probe, 1) < 0)
+        return d->fail(decompressor.errorString());
+    return true;
+}
+
+bool TableIO::read(const QDir &dir, bool addColumns)
+{
+    FilterProgressTrue progress;
+    return read(progress, dir, addColumns);
+}
+
+// --- row lists
+// ------------------------------------------------------------------------------------------
+
+bool TableIO::writeRowList(FilterProgress &progress, QDataStream &stream,
+                           const PartitionList<Record> &records)
+{
+    d->error.clear();
+    if (records.count() == 0) {
+        stream << QString(QLatin1String(""));
+        return streamOk(stream) || d->fail(QStringLiteral("writing an empty row list failed"));
+    }
+    const Table *table = (*records.begin()).table();
+    if (!table)
+        return d->fail(QStringLiteral("a row list holds a null record"));
+    for (auto it = records.begin(), end = records.end(); it != end; ++it) {
+        if ((*it).table() != table)
+            return d->fail(QStringLiteral("a row list of table %1 holds a record of another table")
+                               .arg(table->name()));
+    }
+    stream << table->name();
+    if (table->name().isEmpty())
+        return streamOk(stream) || d->fail(QStringLiteral("writing a row list failed"));
+
+    TableLock lock(table);
+    TableHeader header;
+    setupHeader(header, table);
+    header.rowCount = records.count();
+    writeHeader(header, stream);
+    const bool report = !FilterProgressTrue::isDefault(progress);
+    StoredRowWriter writer(stream, table->fieldDefs(), table->rowLength(), header.flagBytes);
+    int i = 0;
+    for (auto it = records.begin(), end = records.end(); it != end; ++it, ++i) {
+        writer.append((*it).row());
+        if (report)
+            progress(i, header.rowCount);
+    }
+    writer.flush();
+    if (!streamOk(stream))
+        return d->fail(
+            QStringLiteral("writing the row list of table %1 failed").arg(table->name()));
+    return true;
+}
+
+bool TableIO::readRowList(FilterProgress &progress, QDataStream &stream,
+                          PartitionList<Record> &records)
+{
+    d->error.clear();
+    if (!stream.device() || stream.atEnd())
+        return d->fail(QStringLiteral("no row list: the stream is at its end"));
+    QString name;
+    stream >> name;
+    if (!streamOk(stream))
+        return d->fail(QStringLiteral("a row list's table name is truncated"));
+    if (name.isEmpty())
+        return true;
+
+    TableHeader header;
+    if (!readHeader(header, stream) || !checkHeader(header))
+        return d->fail(QStringLiteral("row list of table %1: %2").arg(name, d->error));
+    const qint64 bytes = (qint64(header.rowLength) + header.flagBytes) * header.rowCount;
+
+    const Table *table = ICore::instance()->findTable(name);
+    if (!table) {
+        if (!skipBytes(stream, bytes))
+            return d->fail(
+                QStringLiteral("row list of the unknown table %1 is truncated").arg(name));
+        return true;
+    }
+    if (!sameLayout(table, header)) {
+        skipBytes(stream, bytes);
+        return d->fail(
+            QStringLiteral("row list of table %1 does not have the table's layout").arg(name));
+    }
+    const int rowCount = table->columnCount() == 0 ? 0 : header.rowCount;
+    const bool report = !FilterProgressTrue::isDefault(progress);
+    StoredRowReader reader(stream, header.rowLength + header.flagBytes, rowCount);
+    for (int i = 0; i < rowCount; ++i) {
+        if (report)
+            progress(i, rowCount);
+        const unsigned char *stored = reader.next();
+        if (!stored)
+            return d->fail(QStringLiteral("row list of table %1 ends after %2 of %3 rows")
+                               .arg(name)
+                               .arg(i)
+                               .arg(rowCount));
+        unsigned char *row = table->allocRow();
+        if (!row)
+            throw std::bad_alloc();
+        Record record(row);
+        unpackRow(stored, table->fieldDefs(), table->rowLength(), header.flagBytes, row);
+        if (report && !progress.filter(record))
+            continue;
+        records.append(record);
+    }
+    return true;
+}
+
+// --- conversions
+// -----------------------------------------------------------------------------------------
+
+void TableIO::make_fromDefs(QList<FieldDefConvertor *> &list, const Table *scratch,
+                            const Convertors &convertors)
+{
+    QList<FieldDefConvertor *> made;
+    try {
+        for (const TableColumnDef *target : d->table->fieldDefs()) {
+            const TableColumnDef *source = nullptr;
+            const FieldDefConvertor *prototype = nullptr;
+            bool ruled = false;
+            for (auto it = convertors.cbegin(); it != convertors.cend(); ++it) {
+                if (it.key().first.compare(target->name, Qt::CaseInsensitive) != 0)
+                    continue;
+                ruled = true;
+                prototype = it.value();
+                if (!it.key().second.isEmpty()) {
+                    source = scratch->columnDef(it.key().second);
+                    if (!source)
+                        throw Exception(QStringLiteral("Column not found in translation."));
+                }
+                break;
+            }
+            if (!ruled) {
+                source = scratch->columnDef(target->name);
+                for (auto it = convertors.cbegin(); source && it != convertors.cend(); ++it) {
+                    if (it.key().first.isEmpty()
+                        && it.key().second.compare(source->name, Qt::CaseInsensitive) == 0)
+                        source = nullptr;
+                }
+            }
+            if (!source)
+                continue;
+            FieldDefConvertor *convertor = nullptr;
+            if (prototype) {
+                convertor = prototype->clone();
+                convertor->bind(source, target);
+            } else {
+                convertor = FieldDefConvertor::create(source, target);
+            }
+            made.append(convertor);
+        }
+    } catch (...) {
+        qDeleteAll(made);
+        list.clear();
+        throw;
+    }
+    list = made;
+}
+
+void TableIO::convertDefs(const QList<FieldDefConvertor *> &list, unsigned char *dst,
+                          unsigned char *src)
+{
+    for (FieldDefConvertor *convertor : list) {
+        const TableColumnDef *s = convertor->source();
+        const TableColumnDef *t = convertor->target();
+        const Field source(s, src + 16 + s->offset, src + 16 + s->flagOffset, s->flagMask);
+        Field target(t, dst + 16 + t->offset, dst + 16 + t->flagOffset, t->flagMask);
+        convertor->convert(target, source);
+    }
+}
+
+// --- memory
+// ---------------------------------------------------------------------------------------------------
+
+qint64 TableIO::memoryUsage(const Table *table)
+{
+    if (!table)
+        return 0;
+    const MasterIndex *master = table->masterIndex();
+    qint64 bytes = master ? qint64(table->rowSize()) * master->count() + indexBytes(master) : 0;
+    for (const Index *index : table->indexes())
+        bytes += indexBytes(index);
+    return bytes;
+}

@@ -1,0 +1,442 @@
+#include <database/indexsort.h>
+
+#include "indexes/indexlist_p.h"
+#include <database/concurrentsort.h>
+#include <database/masterindex_struct.h>
+
+#include <QHash>
+#include <QMessageLogger>
+
+#include <algorithm>
+#include <memory>
+
+class IndexSortPrivate
+{
+public:
+    // What preprocess() found, for the process() of the same batch.
+    QList<Record> leaving;
+    QVector<int> positions;
+};
+
+namespace {
+
+// A 65536-bit filter of row addresses: most rows of a scan are rejected by
+// one bit test before the hash is consulted.
+class RowFilter
+{
+public:
+    void insert(const unsigned char *row) { m_bits[slot(row) >> 6] |= bit(row); }
+    bool mayContain(const unsigned char *row) const
+    {
+        return (m_bits[slot(row) >> 6] & bit(row)) != 0;
+    }
+
+private:
+    static quint32 slot(const unsigned char *row)
+    {
+        return quint32((quint64(quintptr(row) >> 3) * 0x9E3779B97F4A7C15ull) >> 48);
+    }
+    static quint64 bit(const unsigned char *row) { return quint64(1) << (slot(row) & 63); }
+    quint64 m_bits[1024] = {};
+};
+
+// The first position after `from` whose element compares equal to `key`
+// (compare(element, key) == 0), or -1. REQUIRES: the list is sorted by the
+// ordering behind `compare`.
+template <typename T, typename CompareFn>
+int searchBinary(const PartitionList<T> &list, const T &key, int from, CompareFn compare)
+{
+    int low = qMax(from + 1, 0);
+    int high = list.count();
+    int result = -1;
+    while (low < high) {
+        const int half = (high - low) >> 1;
+        const int middle = low + half;
+        const int c = compare(list.at(middle), key);
+        if (c > 0) {
+            high = middle;
+            if (half == 0)
+                break;
+        } else if (c < 0) {
+            low = middle + 1;
+        } else {
+            result = middle;
+            high = middle;
+        }
+    }
+    return result;
+}
+
+} // namespace
+
+IndexSort::IndexSort(Table *table, bool registered)
+    : IndexList(table, registered)
+    , d(new IndexSortPrivate)
+{
+}
+
+IndexSort::IndexSort(const QString &tableName, bool registered)
+    : IndexList(tableName, registered)
+    , d(new IndexSortPrivate)
+{
+}
+
+IndexSort::~IndexSort() = default;
+
+const char *IndexSort::getClassName() const
+{
+    return "IndexSort";
+}
+
+// --- searches ----------------------------------------------------------------------
+
+int IndexSort::search(const Record &key, int from) const
+{
+    return searchBinary(records(), key, from, Compare(this));
+}
+
+int IndexSort::searchLast(const Record &key, int from) const
+{
+    const PartitionList<Record> &list = records();
+    int low = qMax(from + 1, 0);
+    int high = list.count();
+    int result = -1;
+    while (low < high) {
+        const int middle = low + ((high - low) >> 1);
+        const int c = compare(list.at(middle), key);
+        if (c <= 0) {
+            if (c == 0)
+                result = middle;
+            low = middle + 1;
+        } else {
+            high = middle;
+        }
+    }
+    return result;
+}
+
+int IndexSort::searchFull(const Record &key, int from) const
+{
+    const PartitionList<Record> &list = records();
+    const int start = qMax(from + 1, 0);
+    if (start >= list.count())
+        return -1;
+    auto it = list.cbegin();
+    it += start;
+    int stepped = 0;
+    for (auto end = list.cend(); it != end; ++it, ++stepped) {
+        if (compare(*it, key) == 0)
+            return stepped;
+    }
+    return -1;
+}
+
+Record IndexSort::find(const Record &key, int from) const
+{
+    const int position = search(key, from);
+    return position < 0 ? Record() : records().at(position);
+}
+
+int IndexSort::lowerBound(const Record &record) const
+{
+    const PartitionList<Record> &list = records();
+    int low = 0;
+    int high = list.count();
+    while (low < high) {
+        const int middle = low + ((high - low) >> 1);
+        if (compare(list.at(middle), record) < 0)
+            low = middle + 1;
+        else
+            high = middle;
+    }
+    return low;
+}
+
+int IndexSort::upperBound(const Record &record, int low) const
+{
+    const PartitionList<Record> &list = records();
+    int high = list.count();
+    while (low < high) {
+        const int middle = low + ((high - low) >> 1);
+        if (compare(list.at(middle), record) <= 0)
+            low = middle + 1;
+        else
+            high = middle;
+    }
+    return low;
+}
+
+int IndexSort::indexOfAdd(const Record &record) const
+{
+    return upperBound(record, 0);
+}
+
+// From the lower bound of the record's key to the end, then the stretch
+// before it: together one pass over the list at worst, for a row that is no
+// longer where its key says.
+int IndexSort::indexOf(const Record &record) const
+{
+    if (record.isNull())
+        return -1;
+    const PartitionList<Record> &list = records();
+    const int low = lowerBound(record);
+    auto it = list.cbegin();
+    it += low;
+    const auto end = list.cend();
+    for (int position = low; it != end; ++it, ++position) {
+        if (*it == record)
+            return position;
+    }
+    int position = 0;
+    for (it = list.cbegin(); position < low; ++it, ++position) {
+        if (*it == record)
+            return position;
+    }
+    return -1;
+}
+
+QVector<int> IndexSort::indexOfs(const QList<Record> &wanted) const
+{
+    const PartitionList<Record> &list = records();
+    QVector<int> result(wanted.size(), -1);
+    // Rows not found among their equal keys, to be found by one scan.
+    QHash<const unsigned char *, int> strays;
+    for (int i = 0; i < wanted.size(); ++i) {
+        const Record &record = wanted.at(i);
+        if (record.isNull())
+            continue;
+        int position = lowerBound(record);
+        auto it = list.cbegin();
+        it += position;
+        for (const auto end = list.cend(); it != end; ++it, ++position) {
+            if (*it == record) {
+                result[i] = position;
+                break;
+            }
+            if (compare(record, *it) != 0)
+                break;
+        }
+        if (result.at(i) < 0)
+            strays.insert(record.row(), -1);
+    }
+    if (strays.isEmpty())
+        return result;
+    auto filter = std::make_unique<RowFilter>();
+    for (auto it = strays.cbegin(); it != strays.cend(); ++it)
+        filter->insert(it.key());
+    int left = strays.size();
+    int position = 0;
+    for (auto it = list.cbegin(), end = list.cend(); it != end && left > 0; ++it, ++position) {
+        if (!filter->mayContain(it->row()))
+            continue;
+        const auto stray = strays.find(it->row());
+        if (stray != strays.end() && stray.value() < 0) {
+            stray.value() = position;
+            --left;
+        }
+    }
+    for (int i = 0; i < wanted.size(); ++i) {
+        if (result.at(i) < 0 && !wanted.at(i).isNull())
+            result[i] = strays.value(wanted.at(i).row(), -1);
+    }
+    return result;
+}
+
+// --- changes ----------------------------------------------------------------------
+
+void IndexSort::build()
+{
+    Table *source = table();
+    if (!source)
+        return;
+    TableLocker locker(source);
+    const MasterIndex *master = source->masterIndex();
+    if (!master || static_cast<const IndexList *>(master) == this)
+        return;
+    QList<Record> rows;
+    rows.reserve(master->count());
+    for (auto it = master->begin(), end = master->end(); it != end; ++it) {
+        if (filter(*it))
+            rows.append(*it);
+    }
+    clear();
+    records().insert(0, rows);
+    resort();
+}
+
+void IndexSort::add(const Record &record)
+{
+    if (!filter(record))
+        return;
+    PartitionList<Record> &list = records();
+    const int n = list.count();
+    // Rows often arrive in key order (builds, re-laying, ordered masters):
+    // the upper bound is then the end, known from one comparison.
+    if (n == 0 || compare(list.at(n - 1), record) <= 0)
+        list.insert(n, record);
+    else
+        list.insert(indexOfAdd(record), record);
+}
+
+void IndexSort::reposition(const Record &record, int position)
+{
+    PartitionList<Record> &list = records();
+    list.remove(position);
+    list.insert(indexOfAdd(record), record);
+}
+
+void IndexSort::update(const Record &changed, int, int, int position)
+{
+    // A copy: `changed` may be a handle stored in this very list.
+    const Record record = changed;
+    if (!filter(record)) {
+        remove(record, position);
+        return;
+    }
+    const PartitionList<Record> &list = records();
+    const int n = list.count();
+    if (position >= n || (position >= 0 && list.at(position) != record))
+        position = -1;
+    if (position < 0) {
+        const int first = search(record, -1);
+        if (first >= 0) {
+            auto it = list.cbegin();
+            it += first;
+            for (int p = first; p < n; ++p, ++it) {
+                if (*it == record) {
+                    position = p;
+                    break;
+                }
+                if (compare(record, *it) != 0)
+                    break;
+            }
+        }
+        if (position < 0) {
+            const int found = IndexList::indexOf(record);
+            if (found < 0) {
+                add(record);
+                return;
+            }
+            QMessageLogger("indexsort", 230,
+                           "virtual void IndexSort::update(const Record&, int, int, int)")
+                    .warning()
+                << "update"
+                << "Full search can impact the performance";
+            reposition(record, found);
+            return;
+        }
+    }
+    const bool afterPrevious = position == 0 || compare(list.at(position - 1), record) <= 0;
+    const bool beforeNext = position + 1 >= n || compare(record, list.at(position + 1)) <= 0;
+    if (!afterPrevious || !beforeNext)
+        reposition(record, position);
+}
+
+void IndexSort::clear()
+{
+    d->leaving.clear();
+    d->positions.clear();
+    IndexList::clear();
+}
+
+void IndexSort::preprocess(const QList<Record> &removed, const QList<Record> &updated, int, int,
+                           const QList<Record> &, const QList<Record> &)
+{
+    d->leaving = removed + updated;
+    d->positions = indexOfs(d->leaving);
+}
+
+QVector<int> IndexSort::leavingPositions(const QList<Record> &leaving) const
+{
+    const PartitionList<Record> &list = records();
+    bool noted = d->leaving.size() == leaving.size();
+    for (int i = 0; noted && i < leaving.size(); ++i) {
+        const int position = d->positions.at(i);
+        noted = d->leaving.at(i) == leaving.at(i)
+            && (position < 0 || (position < list.count() && list.at(position) == leaving.at(i)));
+    }
+    return noted ? d->positions : indexOfs(leaving);
+}
+
+void IndexSort::process(const QList<Record> &removed, const QList<Record> &updated, int, int,
+                        const QList<Record> &inserted)
+{
+    PartitionList<Record> &list = records();
+    const QList<Record> leaving = removed + updated;
+    QVector<int> positions = leaving.isEmpty() ? QVector<int>() : leavingPositions(leaving);
+    d->leaving.clear();
+    d->positions.clear();
+
+    if (list.count() > 0 && !positions.isEmpty()) {
+        std::sort(positions.begin(), positions.end());
+        RangeSet<int> ranges;
+        bool any = false;
+        for (int position : qAsConst(positions)) {
+            if (position >= 0) {
+                ranges.addRange(position, position + 1);
+                any = true;
+            }
+        }
+        if (any)
+            list.removeRanges(ranges);
+    }
+
+    QList<Record> entering;
+    entering.reserve(updated.size() + inserted.size());
+    for (const Record &record : updated) {
+        if (filter(record))
+            entering.append(record);
+    }
+    for (const Record &record : inserted) {
+        if (filter(record))
+            entering.append(record);
+    }
+    if (entering.isEmpty())
+        return;
+
+    // Rows that arrive in key order (a table file loads in master order) need
+    // no sort, and when they all sort after the last row they are one run
+    // appended at the end: the same places the upper-bound merge would give.
+    const bool sorted = std::is_sorted(entering.cbegin(), entering.cend(), LessThan(this));
+    if (list.count() == 0) {
+        // Appending in arrival order and sorting stably gives the same order
+        // as merging, with the sort spread over the thread pool.
+        list.insert(0, entering);
+        if (!sorted)
+            resort();
+        return;
+    }
+
+    if (!sorted)
+        std::stable_sort(entering.begin(), entering.end(), LessThan(this));
+    if (compare(list.at(list.count() - 1), entering.constFirst()) <= 0) {
+        list.insert(list.count(), entering);
+        return;
+    }
+    QVector<int> targets(entering.size());
+    int low = 0;
+    for (int i = 0; i < entering.size(); ++i) {
+        low = upperBound(entering.at(i), low);
+        targets[i] = low;
+    }
+    // Runs bound for the same position go in together; from the back, so the
+    // positions computed on the unchanged list stay valid.
+    int end = entering.size();
+    while (end > 0) {
+        int start = end - 1;
+        while (start > 0 && targets.at(start - 1) == targets.at(end - 1))
+            --start;
+        if (end - start == 1)
+            list.insert(targets.at(start), entering.at(start));
+        else
+            list.insert(targets.at(start), entering.mid(start, end - start));
+        end = start;
+    }
+}
+
+void IndexSort::resort()
+{
+    PartitionList<Record> &list = records();
+    if (list.count() > 1)
+        ConcurrentSort::stableSortHelper(list.begin(), list.end(), LessThan(this));
+}

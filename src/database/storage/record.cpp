@@ -1,0 +1,184 @@
+#include <database/record.h>
+
+#include <database/masterindex_struct.h>
+#include <database/table.h>
+
+#include <cstring>
+
+namespace {
+
+int *countOf(unsigned char *row)
+{
+    return reinterpret_cast<int *>(row);
+}
+
+} // namespace
+
+Record::Record(const Table *table)
+    : m_row(table ? table->allocRow() : nullptr)
+{
+    ref();
+}
+
+Record::Record(const Table *table, const QString &key)
+{
+    if (!table || key.isEmpty())
+        return;
+    if (const MasterIndex *master = table->masterIndex())
+        *this = master->findRecord(key);
+}
+
+Record::Record(unsigned char *row) noexcept
+    : m_row(row)
+{
+    ref();
+}
+
+Record::Record(const Record &other) noexcept
+    : m_row(other.m_row)
+{
+    ref();
+}
+
+Record &Record::operator=(const Record &other) noexcept
+{
+    if (m_row != other.m_row) {
+        deref();
+        m_row = other.m_row;
+        ref();
+    }
+    return *this;
+}
+
+Record &Record::operator=(Record &&other) noexcept
+{
+    if (this != &other) {
+        if (m_row == other.m_row) {
+            other.deref();
+        } else {
+            deref();
+            m_row = other.m_row;
+        }
+        other.m_row = nullptr;
+    }
+    return *this;
+}
+
+Record::~Record()
+{
+    deref();
+}
+
+void Record::ref() const noexcept
+{
+    if (m_row)
+        __atomic_add_fetch(countOf(m_row), 1, __ATOMIC_SEQ_CST);
+}
+
+void Record::deref() noexcept
+{
+    if (!m_row)
+        return;
+    unsigned char *row = m_row;
+    m_row = nullptr;
+    if (__atomic_sub_fetch(countOf(row), 1, __ATOMIC_SEQ_CST) == 0) {
+        Table *owner = nullptr;
+        std::memcpy(&owner, row + 8, sizeof(owner));
+        owner->freeRow(row);
+    }
+}
+
+int Record::releaseWithoutFree() noexcept
+{
+    if (!m_row)
+        return 0;
+    const int left = __atomic_sub_fetch(countOf(m_row), 1, __ATOMIC_SEQ_CST);
+    m_row = nullptr;
+    return left;
+}
+
+Table *Record::table() const noexcept
+{
+    if (!m_row)
+        return nullptr;
+    Table *owner = nullptr;
+    std::memcpy(&owner, m_row + 8, sizeof(owner));
+    return owner;
+}
+
+int Record::refCount() const noexcept
+{
+    return m_row ? __atomic_load_n(countOf(m_row), __ATOMIC_SEQ_CST) : 0;
+}
+
+Record Record::clone() const
+{
+    if (!m_row)
+        return Record();
+    return Record(table()->cloneRow(m_row));
+}
+
+void Record::copy(const Record &other)
+{
+    if (m_row == other.m_row || !m_row || !other.m_row)
+        return;
+    table()->copyRowContent(m_row, other.m_row);
+}
+
+void Record::copy(const Record &other, int first, int last)
+{
+    if (m_row == other.m_row || !m_row || !other.m_row)
+        return;
+    table()->copyRowContent(m_row, other.m_row, first, last);
+}
+
+Field Record::data(const QString &name)
+{
+    const Table *t = table();
+    return t->dataPtr(m_row, t->columnIndex(name));
+}
+
+Field Record::data(const QString &name) const
+{
+    const Table *t = table();
+    return t->dataPtr(m_row, t->columnIndex(name));
+}
+
+Field Record::data(int column) const
+{
+    return table()->dataPtr(m_row, column);
+}
+
+bool Record::inTable() const
+{
+    if (!m_row)
+        return false;
+    const MasterIndex *master = table()->masterIndex();
+    return master && master->contains(*this);
+}
+
+QString Record::toString() const
+{
+    if (!m_row)
+        return QString();
+    const MasterIndex *master = table()->masterIndex();
+    return master ? master->toText(*this) : QString();
+}
+
+QString Record::dump() const
+{
+    if (!m_row)
+        return QStringLiteral("{ NULL }");
+    const Table *t = table();
+    QStringList fields;
+    for (int i = 0; i < t->columnCount(); ++i) {
+        const Field field = t->dataPtr(m_row, i);
+        fields << t->columnName(i) + QLatin1Char('=')
+                + (field.isNull() ? QStringLiteral("\"\"") : field.toString());
+    }
+    return QStringLiteral("%1:(ptr:0x%2 ref:%3) { %4 }")
+        .arg(t->name())
+        .arg(quintptr(m_row), 16, 16, QLatin1Char('0'))
+        .arg(refCount())
+        .arg(fields.join(QLatin1Char(' ')));
+}

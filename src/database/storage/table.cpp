@@ -1,0 +1,614 @@
+#include <database/table.h>
+
+#include "storage/table_p.h"
+
+#include <database/core/icore.h>
+#include <database/index.h>
+#include <database/masterindex_struct.h>
+#include <database/record.h>
+
+#include <QDebug>
+#include <QThread>
+
+#include <cstring>
+
+namespace {
+
+int roundUp8(qint64 size)
+{
+    return int((size + 7) & ~qint64(7));
+}
+
+int flagBytes(int columnCount)
+{
+    return (columnCount + 7) / 8;
+}
+
+} // namespace
+
+Table::Table(const QString &name, const QString &title, QObject *parent)
+    : QObject(parent)
+    , d(new TablePrivate)
+{
+    d->name = name;
+    d->title = title;
+}
+
+Table::~Table()
+{
+    DefaultCore::global()->forgetTable(this);
+    // The master index holds the rows: it goes while the table can still free them.
+    MasterIndex *master = d->master;
+    d->master = nullptr;
+    if (d->main == master)
+        d->main = nullptr;
+    delete master;
+    qDeleteAll(d->columns);
+}
+
+QString Table::name() const
+{
+    return d->name;
+}
+
+QString Table::title() const
+{
+    return d->title;
+}
+
+void Table::setTitle(const QString &title)
+{
+    d->title = title;
+}
+
+MasterIndex *Table::masterIndex() const
+{
+    return d->master;
+}
+
+int Table::columnCount() const
+{
+    return d->columns.size();
+}
+
+QString Table::columnName(int column) const
+{
+    return d->columns.at(column)->name;
+}
+
+FieldType::Type Table::columnType(int column) const
+{
+    return d->columns.at(column)->type;
+}
+
+QString Table::columnTypeName(int column) const
+{
+    return QString::fromLatin1(FieldType::typeName(columnType(column)));
+}
+
+QString Table::columnTitle(int column) const
+{
+    const TableColumnDef *def = d->columns.at(column);
+    return def->title.isEmpty() ? def->name : def->title;
+}
+
+void Table::setColumnTitle(int column, const QString &title)
+{
+    d->columns.at(column)->title = title;
+}
+
+QString Table::columnDescription(int column) const
+{
+    return d->columns.at(column)->description;
+}
+
+const TableColumnDef *Table::columnDef(int column) const
+{
+    return d->columns.value(column, nullptr);
+}
+
+const TableColumnDef *Table::columnDef(const QString &name) const
+{
+    return columnDef(columnIndex(name));
+}
+
+int Table::columnIndex(const QString &name) const
+{
+    return d->cacheColumn.value(name.toLower(), -1);
+}
+
+QStringList Table::columns() const
+{
+    QStringList names;
+    names.reserve(d->columns.size());
+    for (const TableColumnDef *def : qAsConst(d->columns))
+        names << def->name;
+    return names;
+}
+
+const QList<TableColumnDef *> &Table::fieldDefs() const
+{
+    return d->columns;
+}
+
+int Table::rowLength() const
+{
+    return d->rowLength;
+}
+
+int Table::rowLengthUnaligned() const
+{
+    qint64 sum = 0;
+    for (const TableColumnDef *def : qAsConst(d->columns))
+        sum += def->size;
+    return int(sum);
+}
+
+int Table::rowSize() const
+{
+    return d->rowSize;
+}
+
+// --- row primitives --------------------------------------------------------------
+
+unsigned char *Table::allocRow() const
+{
+    auto *row = static_cast<unsigned char *>(qMallocAligned(size_t(d->rowSize), 8));
+    if (row)
+        initRow(row);
+    return row;
+}
+
+void Table::initRow(unsigned char *row) const
+{
+    std::memset(row, 0, size_t(d->rowSize));
+    const Table *self = this;
+    std::memcpy(row + 8, &self, sizeof(self));
+    for (const TableColumnDef *def : qAsConst(d->columns)) {
+        if (!def->nullable)
+            row[16 + def->flagOffset] |= def->flagMask;
+    }
+}
+
+unsigned char *Table::cloneRow(const unsigned char *row) const
+{
+    auto *copy = static_cast<unsigned char *>(qMallocAligned(size_t(d->rowSize), 8));
+    if (!copy)
+        return nullptr;
+    std::memcpy(copy, row, size_t(d->rowSize));
+    const int zero = 0;
+    std::memcpy(copy, &zero, sizeof(zero));
+    return copy;
+}
+
+void Table::copyRowContent(unsigned char *dst, const unsigned char *src) const
+{
+    std::memcpy(dst + 16, src + 16, size_t(d->rowSize - 16));
+}
+
+void Table::copyRowContent(unsigned char *dst, const unsigned char *src, int first, int last) const
+{
+    if (d->columns.isEmpty())
+        return;
+    if (first < 0)
+        first = 0;
+    if (last < 0 || last >= d->columns.size())
+        last = d->columns.size() - 1;
+    if (first > last)
+        return;
+    const TableColumnDef *from = d->columns.at(first);
+    const TableColumnDef *to = d->columns.at(last);
+    const qint64 begin = 16 + from->offset;
+    const qint64 end = 16 + to->offset + roundUp8(to->size);
+    std::memcpy(dst + begin, src + begin, size_t(end - begin));
+    const int flags = 16 + d->rowLength;
+    std::memcpy(dst + flags, src + flags, size_t(flagBytes(d->columns.size())));
+}
+
+void Table::freeRow(unsigned char *row) const
+{
+    qFreeAligned(row);
+}
+
+Field Table::dataPtr(const unsigned char *row, int column) const
+{
+    const TableColumnDef *def = d->columns.at(column);
+    auto *block = const_cast<unsigned char *>(row);
+    return Field(def, block + 16 + def->offset, block + 16 + def->flagOffset, def->flagMask);
+}
+
+// --- columns -----------------------------------------------------------------------
+
+void Table::addColumn(const QString &name, FieldType::Type type, int length, bool nullable,
+                      const QString &title, bool auxFlag, const QString &description)
+{
+    TableColumnDef def(this);
+    def.name = name;
+    def.type = type;
+    def.length = length;
+    def.nullable = nullable;
+    def.title = title;
+    def.auxFlag = auxFlag;
+    def.description = description;
+    addColumn(def);
+}
+
+void Table::addColumn(const QString &name, const FieldDef &fieldDef, bool nullable,
+                      const QString &title, bool auxFlag, const QString &description)
+{
+    addColumn(name, fieldDef.type, fieldDef.length, nullable, title, auxFlag, description);
+}
+
+void Table::addColumn(const TableColumnDef &source)
+{
+    if (source.name.isEmpty())
+        throw QString(QStringLiteral("Column name can't be empty."));
+    for (const TableColumnDef *existing : qAsConst(d->columns)) {
+        if (existing->name.compare(source.name, Qt::CaseInsensitive) == 0)
+            throw QString(QStringLiteral("Column '%1' already exists for table '%2'.")
+                              .arg(source.name, d->name));
+    }
+
+    auto *def = new TableColumnDef(this);
+    def->type = source.type;
+    def->length = source.length;
+    def->name = source.name;
+    def->description = source.description;
+    def->title = source.title;
+    def->auxFlag = source.auxFlag;
+    def->nullable = source.nullable;
+    def->offset = d->rowLength;
+    try {
+        def->size = FieldType::typeLength(def->type, def->length);
+    } catch (...) {
+        delete def;
+        throw;
+    }
+
+    const int oldColumnCount = d->columns.size();
+    const int oldRowLength = d->rowLength;
+    const int cellLength = roundUp8(def->size);
+    const int newRowLength = oldRowLength + cellLength;
+    const int newRowSize = 16 + newRowLength + flagBytes(oldColumnCount + 1);
+
+    // The listed indexes are built again at the end; emptied now, none of them
+    // keeps a handle to a block that the re-laying may move.
+    const QList<Index *> listed = d->indexes;
+    for (Index *index : listed)
+        index->clear();
+    QList<Record> rows = takeMainRows();
+    QList<unsigned char *> blocks;
+    blocks.reserve(rows.size());
+    for (Record &record : rows) {
+        unsigned char *row = record.row();
+        const int left = record.releaseWithoutFree();
+        if (left != 0)
+            qDebug() << "Table::addColumn : Ref count in realloc is " << left;
+        row = static_cast<unsigned char *>(
+            qReallocAligned(row, size_t(newRowSize), size_t(d->rowSize), 8));
+        if (!row)
+            qFatal("Table::addColumn: out of memory while re-laying rows");
+        std::memmove(row + 16 + newRowLength, row + 16 + oldRowLength,
+                     size_t(flagBytes(oldColumnCount)));
+        if (flagBytes(oldColumnCount + 1) > flagBytes(oldColumnCount))
+            row[16 + newRowLength + flagBytes(oldColumnCount)] = 0;
+        std::memset(row + 16 + oldRowLength, 0, size_t(cellLength));
+        if (def->nullable)
+            row[16 + newRowLength + oldColumnCount / 8] &= quint8(~(1u << (oldColumnCount % 8)));
+        const int zero = 0;
+        std::memcpy(row, &zero, sizeof(zero));
+        blocks.append(row);
+    }
+    rows.clear();
+
+    d->cacheColumn.insert(def->name.toLower(), oldColumnCount);
+    d->columns.append(def);
+    d->rowSize = newRowSize;
+    d->rowLength = newRowLength;
+    for (int i = 0; i < d->columns.size(); ++i) {
+        TableColumnDef *column = d->columns.at(i);
+        column->index = i;
+        column->flagOffset = newRowLength + i / 8;
+        column->flagMask = quint8(1u << (i % 8));
+    }
+
+    for (unsigned char *row : qAsConst(blocks))
+        rows.append(Record(row));
+    restoreMainRows(rows);
+    build();
+}
+
+// --- the main index ------------------------------------------------------------------
+// The master index is the main index. A test double installed in its place is
+// walked only if it can be (IndexIterative).
+
+void Table::setMasterIndex(MasterIndex *index)
+{
+    if (d->master && d->master != index)
+        delete d->master;
+    d->master = index;
+    setMainIndex(index);
+}
+
+QList<Record> Table::takeMainRows()
+{
+    QList<Record> rows;
+    const auto *iterative = dynamic_cast<const IndexIterative *>(d->main);
+    if (!iterative)
+        return rows;
+    rows.reserve(iterative->count());
+    for (auto it = iterative->begin(), end = iterative->end(); it != end; ++it)
+        rows.append(*it);
+    d->main->clear();
+    return rows;
+}
+
+void Table::restoreMainRows(const QList<Record> &rows)
+{
+    if (!d->main)
+        return;
+    for (const Record &row : rows)
+        d->main->add(row);
+}
+
+int Table::rowCount() const
+{
+    if (d->master)
+        return d->master->count();
+    const auto *iterative = dynamic_cast<const IndexIterative *>(d->main);
+    return iterative ? iterative->count() : 0;
+}
+
+// --- locking -------------------------------------------------------------------------
+
+void Table::lock() const
+{
+    d->mutex.lock();
+}
+
+void Table::unlock() const
+{
+    d->mutex.unlock();
+}
+
+// --- index registry --------------------------------------------------------------------
+
+QList<Index *> Table::indexes() const
+{
+    return d->indexes;
+}
+
+QList<Index *> Table::dependentIndexes() const
+{
+    return d->dependents;
+}
+
+void Table::setIndexes(const QList<Index *> &indexes)
+{
+    d->indexes = indexes;
+}
+
+void Table::addIndex(Index *index)
+{
+    d->indexes.append(index);
+    Q_EMIT indexAdded(index);
+}
+
+void Table::removeIndex(Index *index)
+{
+    d->indexes.removeOne(index);
+    const QString name = indexName(index);
+    if (!name.isEmpty())
+        d->names.remove(name);
+    Q_EMIT indexRemoved(index);
+}
+
+void Table::addDependentIndex(Index *index)
+{
+    d->dependents.append(index);
+    Q_EMIT dependentIndexAdded(index);
+}
+
+void Table::removeDependentIndex(Index *index)
+{
+    d->dependents.removeOne(index);
+    Q_EMIT dependentIndexRemoved(index);
+}
+
+Index *Table::namedIndex(const QString &name) const
+{
+    return d->names.value(name, nullptr);
+}
+
+void Table::setIndexName(const QString &name, Index *index)
+{
+    d->names.insert(name, index);
+    Q_EMIT indexNameUpdated(index, name);
+}
+
+QString Table::indexName(Index *index) const
+{
+    for (auto it = d->names.cbegin(); it != d->names.cend(); ++it) {
+        if (it.value() == index)
+            return it.key();
+    }
+    return QString();
+}
+
+// --- the main index hook ------------------------------------------------------------
+
+void Table::setMainIndex(Index *index)
+{
+    d->main = index;
+}
+
+void Table::testingSetMainIndex(Index *index)
+{
+    if (d->master) {
+        qWarning("Table::testingSetMainIndex: table '%s' has a master index", qPrintable(d->name));
+        return;
+    }
+    setMainIndex(index);
+}
+
+// --- change brackets -------------------------------------------------------------------
+
+int Table::updateDepth() const
+{
+    return d->updateDepth.loadAcquire();
+}
+
+void Table::beginUpdate()
+{
+    if (d->updateDepth.fetchAndAddOrdered(1) >= 1)
+        return;
+
+    const QList<Index *> dependents = d->dependents;
+    for (Index *index : dependents)
+        index->dependentBeginUpdate(this);
+
+    lock();
+    if (d->bracketLocks++ == 0)
+        d->bracketOwner.store(QThread::currentThreadId());
+
+    if (d->main)
+        d->main->beginUpdate();
+    const QList<Index *> indexes = d->indexes;
+    for (Index *index : indexes)
+        index->beginUpdate();
+}
+
+void Table::endUpdate()
+{
+    int before = d->updateDepth.loadAcquire();
+    while (!d->updateDepth.testAndSetOrdered(before, before - 1))
+        before = d->updateDepth.loadAcquire();
+    if (before >= 2)
+        return;
+
+    // A bracket of this thread took the lock exactly when this thread is the
+    // recorded owner; anything else is an endUpdate() without its beginUpdate().
+    const bool ownsBracketLock = d->bracketOwner.load() == QThread::currentThreadId();
+    if (before <= 0 || !ownsBracketLock)
+        qWarning("Table::endUpdate: no update bracket is open on table '%s'", qPrintable(d->name));
+
+    if (d->main)
+        d->main->endUpdate();
+    const QList<Index *> indexes = d->indexes;
+    for (Index *index : indexes)
+        index->endUpdate();
+
+    if (ownsBracketLock) {
+        if (--d->bracketLocks == 0)
+            d->bracketOwner.store(nullptr);
+        unlock();
+    }
+
+    const QList<Index *> dependents = d->dependents;
+    for (Index *index : dependents)
+        index->dependentEndUpdate(this);
+}
+
+// --- notifications -----------------------------------------------------------------------
+
+void Table::appendRow(unsigned char *row)
+{
+    const Record record(row);
+    if (d->main)
+        d->main->add(record);
+    const QList<Index *> indexes = d->indexes;
+    for (Index *index : indexes)
+        index->add(record);
+}
+
+void Table::appendList(const QList<Record> &records)
+{
+    QList<Record> updated;
+    process(QList<Record>(), updated, -1, -1, records, QList<Record>());
+}
+
+bool Table::remove(const Record &record, int position)
+{
+    // `record` may be a handle inside one of the indexes: hold the row until
+    // every index has let go of it.
+    const Record keep(record);
+    const QList<Index *> indexes = d->indexes;
+    for (Index *index : indexes)
+        index->remove(keep, -1);
+    return d->main ? d->main->remove(keep, position) : false;
+}
+
+void Table::updated(const Record &record, int a, int b, int c)
+{
+    // An update may take the record out of an index and put it back, and
+    // `record` may be a handle inside that index: hold the row meanwhile.
+    const Record keep(record);
+    if (d->main)
+        d->main->update(keep, a, b, c);
+    const QList<Index *> indexes = d->indexes;
+    for (Index *index : indexes)
+        index->update(keep, a, b, -1);
+}
+
+QVector<int> Table::buildKeeper(const Record &record) const
+{
+    QVector<int> keeper;
+    keeper.reserve(1 + d->indexes.size());
+    keeper.append(d->main ? d->main->indexOf(record) : -1);
+    for (const Index *index : qAsConst(d->indexes))
+        keeper.append(index->indexOf(record));
+    return keeper;
+}
+
+void Table::updated(const Record &record, const QVector<int> &keeper, int a, int b)
+{
+    const QList<Index *> indexes = d->indexes;
+    QVector<int> positions = keeper;
+    if (positions.size() != 1 + indexes.size()) {
+        qWarning("Table::updated: the keeper of %d positions does not match the %d indexes of "
+                 "table '%s'",
+                 int(keeper.size()), int(1 + indexes.size()), qPrintable(d->name));
+        positions.fill(-1, 1 + indexes.size());
+    }
+    const Record keep(record);
+    if (d->main)
+        d->main->update(keep, a, b, positions.at(0));
+    for (int i = 0; i < indexes.size(); ++i)
+        indexes.at(i)->update(keep, a, b, positions.at(i + 1));
+}
+
+void Table::process(const QList<Record> &removed, QList<Record> &updated, int first, int last,
+                    const QList<Record> &inserted, const QList<Record> &changed)
+{
+    const QList<Index *> preprocessed = d->indexes;
+    for (Index *index : preprocessed)
+        index->preprocess(removed, updated, first, last, inserted, changed);
+
+    const int copies = qMin(updated.size(), changed.size());
+    for (int i = 0; i < copies; ++i)
+        updated[i].copy(changed.at(i), first, last);
+
+    if (d->main)
+        d->main->process(removed, updated, first, last, inserted);
+    const QList<Index *> indexes = d->indexes;
+    for (Index *index : indexes)
+        index->process(removed, updated, first, last, inserted);
+}
+
+void Table::build()
+{
+    const QList<Index *> indexes = d->indexes;
+    for (Index *index : indexes)
+        index->build();
+}
+
+void Table::clear()
+{
+    beginUpdate();
+    const QList<Index *> indexes = d->indexes;
+    for (Index *index : indexes)
+        index->clear();
+    if (d->main)
+        d->main->clear();
+    endUpdate();
+}
