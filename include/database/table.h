@@ -226,6 +226,17 @@ Q_SIGNALS:
 
 private:
     friend class TableIndexRebuilder;
+    friend class Index;
+
+    // Keeps the index's record of the registries holding it in step with this
+    // table, after any change of the index list, dependent list, names or main.
+    void trackRegistration(Index *index);
+    // Index::registerWith(): listed now, indexAdded() from the event loop.
+    void addIndexUnannounced(Index *index);
+    void announceAddedIndexes();
+    // The index is being destroyed: every trace of it leaves the registries,
+    // without signals.
+    void forgetIndex(Index *index);
 
     // The index through which rows are notified as the main index; the master
     // index installs itself here (setMasterIndex), the test hook likewise.

@@ -1,5 +1,6 @@
 #include <database/table.h>
 
+#include "storage/index_p.h"
 #include "storage/table_p.h"
 
 #include <database/core/icore.h>
@@ -10,6 +11,7 @@
 #include <QDebug>
 #include <QThread>
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -37,6 +39,13 @@ Table::Table(const QString &name, const QString &title, QObject *parent)
 Table::~Table()
 {
     DefaultCore::global()->forgetTable(this);
+    // Indexes that outlive the table must not come back to it.
+    QList<Index *> held = d->indexes + d->dependents + d->names.values();
+    held.append(d->main);
+    for (Index *index : qAsConst(held)) {
+        if (index)
+            index->d->tables.removeAll(this);
+    }
     // The master index holds the rows: it goes while the table can still free them.
     MasterIndex *master = d->master;
     d->master = nullptr;
@@ -385,34 +394,98 @@ QList<Index *> Table::dependentIndexes() const
 
 void Table::setIndexes(const QList<Index *> &indexes)
 {
+    const QList<Index *> before = d->indexes;
     d->indexes = indexes;
+    for (Index *index : before + indexes)
+        trackRegistration(index);
 }
 
 void Table::addIndex(Index *index)
 {
     d->indexes.append(index);
+    trackRegistration(index);
     Q_EMIT indexAdded(index);
 }
 
 void Table::removeIndex(Index *index)
 {
     d->indexes.removeOne(index);
+    if (!d->indexes.contains(index))
+        d->unannounced.removeAll(index);
     const QString name = indexName(index);
     if (!name.isEmpty())
         d->names.remove(name);
+    trackRegistration(index);
     Q_EMIT indexRemoved(index);
 }
 
 void Table::addDependentIndex(Index *index)
 {
     d->dependents.append(index);
+    trackRegistration(index);
     Q_EMIT dependentIndexAdded(index);
 }
 
 void Table::removeDependentIndex(Index *index)
 {
     d->dependents.removeOne(index);
+    trackRegistration(index);
     Q_EMIT dependentIndexRemoved(index);
+}
+
+void Table::trackRegistration(Index *index)
+{
+    if (!index)
+        return;
+    const bool held = d->main == index || d->indexes.contains(index)
+            || d->dependents.contains(index)
+            || std::find(d->names.cbegin(), d->names.cend(), index) != d->names.cend();
+    QList<Table *> &tables = index->d->tables;
+    if (!held)
+        tables.removeAll(this);
+    else if (!tables.contains(this))
+        tables.append(this);
+}
+
+void Table::addIndexUnannounced(Index *index)
+{
+    d->indexes.append(index);
+    trackRegistration(index);
+    if (d->unannounced.isEmpty())
+        QMetaObject::invokeMethod(this, &Table::announceAddedIndexes, Qt::QueuedConnection);
+    d->unannounced.append(index);
+}
+
+void Table::announceAddedIndexes()
+{
+    lock();
+    const QList<Index *> pending = d->unannounced;
+    d->unannounced.clear();
+    for (Index *index : pending) {
+        if (d->indexes.contains(index))
+            Q_EMIT indexAdded(index);
+    }
+    unlock();
+}
+
+void Table::forgetIndex(Index *index)
+{
+    lock();
+    d->indexes.removeAll(index);
+    d->dependents.removeAll(index);
+    d->unannounced.removeAll(index);
+    for (auto it = d->names.begin(); it != d->names.end();) {
+        if (it.value() == index)
+            it = d->names.erase(it);
+        else
+            ++it;
+    }
+    if (d->main == index)
+        d->main = nullptr;
+    if (static_cast<Index *>(d->master) == index)
+        d->master = nullptr;
+    index->d->tables.removeAll(this);
+    unlock();
 }
 
 Index *Table::namedIndex(const QString &name) const
@@ -422,7 +495,10 @@ Index *Table::namedIndex(const QString &name) const
 
 void Table::setIndexName(const QString &name, Index *index)
 {
+    Index *previous = d->names.value(name, nullptr);
     d->names.insert(name, index);
+    trackRegistration(previous);
+    trackRegistration(index);
     Q_EMIT indexNameUpdated(index, name);
 }
 
@@ -439,7 +515,10 @@ QString Table::indexName(Index *index) const
 
 void Table::setMainIndex(Index *index)
 {
+    Index *previous = d->main;
     d->main = index;
+    trackRegistration(previous);
+    trackRegistration(index);
 }
 
 void Table::testingSetMainIndex(Index *index)

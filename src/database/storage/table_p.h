@@ -24,6 +24,8 @@ public:
     QList<Index *> indexes;
     QMap<QString, Index *> names;
     QList<Index *> dependents;
+    // Indexes listed by their constructors and not yet announced (indexAdded).
+    QList<Index *> unannounced;
     QList<TableColumnDef *> columns;
     int rowLength = 0;
     int rowSize = 16;
