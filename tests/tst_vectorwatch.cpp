@@ -149,8 +149,8 @@ void tst_VectorWatch::watchBookkeeping()
 void tst_VectorWatch::destroyedIndexLeavesTheRegistry_data()
 {
     QTest::addColumn<QString>("kind");
-    for (const char *kind : { "list", "sort", "limit", "vector", "watch", "dependent", "named",
-                              "master" })
+    for (const char *kind :
+         { "list", "sort", "limit", "vector", "watch", "dependent", "named", "master" })
         QTest::newRow(kind) << QString::fromLatin1(kind);
 }
 

@@ -1,6 +1,5 @@
 #include <database/indexlist.h>
 
-#include "indexes/indexlist_p.h"
 #include <database/core/icore.h>
 #include <database/masterindex_struct.h>
 #include <database/table.h>

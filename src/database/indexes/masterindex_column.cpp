@@ -1,5 +1,6 @@
 #include <database/masterindex_column.h>
 
+#include "storage/rowlayout_p.h"
 #include <database/decimal.h>
 #include <database/exception.h>
 #include <database/table.h>
@@ -37,7 +38,7 @@ QList<const TableColumnDef *> columnsByPosition(const Table *table, const QList<
 template <typename T> T cellValue(const unsigned char *row, const TableColumnDef *column)
 {
     T value;
-    std::memcpy(&value, row + 16 + column->offset, sizeof(T));
+    std::memcpy(&value, RowLayout::cell(row, column), sizeof(T));
     return value;
 }
 
@@ -78,7 +79,7 @@ int compareCells(const unsigned char *a, const unsigned char *b, const TableColu
         return c < 0 ? -1 : (c > 0 ? 1 : 0);
     }
     case FieldType::VarChar:
-        return compareUnits(a + 16 + column->offset, b + 16 + column->offset, column->length);
+        return compareUnits(RowLayout::cell(a, column), RowLayout::cell(b, column), column->length);
     default:
         return 0;
     }
@@ -177,8 +178,8 @@ int MasterIndex_Column_Pure::compare(const Record &first, const Record &second) 
     const unsigned char *a = first.row();
     const unsigned char *b = second.row();
     for (const TableColumnDef *column : keyColumns()) {
-        const bool aPresent = (a[16 + column->flagOffset] & column->flagMask) != 0;
-        const bool bPresent = (b[16 + column->flagOffset] & column->flagMask) != 0;
+        const bool aPresent = RowLayout::isPresent(a, column);
+        const bool bPresent = RowLayout::isPresent(b, column);
         if (aPresent != bPresent)
             return aPresent ? 1 : -1;
         if (!aPresent)
