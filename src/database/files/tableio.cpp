@@ -323,6 +323,18 @@ bool syncDirectory(const QString &dir)
     return synced;
 }
 
+// Names the decompressor of one load in its messages, on every path.
+struct DecompressorContext
+{
+    DecompressorContext(const QIODevice *&slot, const QIODevice *device)
+        : slot(slot)
+    {
+        slot = device;
+    }
+    ~DecompressorContext() { slot = nullptr; }
+    const QIODevice *&slot;
+};
+
 // --- FilterProgress ---------------------------------------------------------------------
 
 FilterProgress::~FilterProgress() = default;
@@ -367,8 +379,15 @@ public:
     // The file being saved or loaded, named in every message about it.
     QString file;
 
-    bool fail(const QString &message)
+    // The decompressor of the file being loaded: its own error, when it has
+    // one, is the cause of any failure and is named with it.
+    const QIODevice *decompressor = nullptr;
+
+    bool fail(QString message)
     {
+        if (decompressor && hasDeviceError(*decompressor)
+            && !message.contains(decompressor->errorString()))
+            message += QStringLiteral(" (%1)").arg(decompressor->errorString());
         error = file.isEmpty() ? message : QStringLiteral("%1: %2").arg(file, message);
         qWarning("TableIO: %s", qPrintable(error));
         return false;
@@ -917,12 +936,8 @@ bool TableIO::read(FilterProgress &progress, const QDir &dir, bool addColumns)
                                .arg(d->tableName()));
         return true;
     };
-    if (!load(progress, stream, addColumns, Convertors(), dataEnded)) {
-        if (hasDeviceError(decompressor) && !d->error.contains(decompressor.errorString()))
-            d->error += QStringLiteral(" (%1)").arg(decompressor.errorString());
-        return false;
-    }
-    return true;
+    const DecompressorContext named(d->decompressor, &decompressor);
+    return load(progress, stream, addColumns, Convertors(), dataEnded);
 }
 
 bool TableIO::read(const QDir &dir, bool addColumns)
