@@ -105,6 +105,7 @@ private slots:
     void concatenatedGzipMembers();
     void limitsAndMemory();
     void tableWithoutPrimaryKey();
+    void fileOfMostColumns();
     void failingSyncFailsTheSave();
     void sweeps();
 };
@@ -240,6 +241,34 @@ void tst_TableFilesDamage::tableWithoutPrimaryKey()
     QVERIFY(!io.read(keylessIn, false));
     QVERIFY(io.errorString().contains("names no key columns"));
     QVERIFY(!target->masterIndex());
+}
+
+// The most columns a file can declare load through one re-laying of the
+// scratch table, not one per column.
+void tst_TableFilesDamage::fileOfMostColumns()
+{
+    Table wide(QStringLiteral("wide"));
+    QList<TableColumnDef> columns;
+    TableColumnDef def;
+    def.type = FieldType::Integer;
+    for (int i = 0; i < 32767; ++i) {
+        def.name = QStringLiteral("column number %1").arg(i);
+        columns.append(def);
+    }
+    wide.addColumns(columns);
+    wide.setMasterIndex(new MasterIndex_Column_Pure(&wide, QStringLiteral("column number 0")));
+    unsigned char *row = wide.allocRow();
+    wide.dataPtr(row, 32766).set<qint32>(42);
+    wide.appendRow(row);
+    QByteArray bytes;
+    QDataStream out(&bytes, QIODevice::WriteOnly);
+    QVERIFY(TableIO(&wide).write(out, true));
+
+    Table target(QStringLiteral("wide"));
+    QDataStream in(bytes);
+    QVERIFY(TableIO(&target).read(in, true));
+    QCOMPARE(target.columnCount(), 32767);
+    QCOMPARE(target.masterIndex()->begin()->data(32766).get<qint32>(), 42);
 }
 
 void tst_TableFilesDamage::failingSyncFailsTheSave()
