@@ -91,6 +91,10 @@ public:
 //   when the table has none, rows replaced in batches of BatchSize, bracket
 //   closed, indexes rebuilt once -----------------> true
 //
+// FilterProgress::filter() sees each record before it joins the table; when
+// the load adds columns, the record's table() is a stand-in of the table's
+// final layout, so its cells read as they will in the table.
+//
 // Should memory run out while the table takes the rows (its index lists
 // growing), the table gets its previous rows back (with any added columns)
 // and the load returns false.

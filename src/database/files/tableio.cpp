@@ -304,10 +304,19 @@ std::atomic<qint64> defaultMaxRows { TableIO::LoadLimits().maxRows };
 std::atomic<qint64> defaultMaxBytes { TableIO::LoadLimits().maxBytes };
 std::atomic<int (*)(int)> syncFunction { &::fsync };
 
+// Whether a failed sync means the disk refused, not that the file system
+// cannot sync at all (then there is nothing more to do).
+bool refused()
+{
+    return errno != EINVAL && errno != ENOTSUP;
+}
+
 // Writes the file's data to the disk; false (errno set) when the disk refuses.
 bool syncToDisk(QFileDevice &file)
 {
-    return file.flush() && syncFunction.load()(file.handle()) == 0;
+    if (!file.flush())
+        return false;
+    return syncFunction.load()(file.handle()) == 0 || !refused();
 }
 
 // Makes a rename in `dir` durable; false (errno set) when the disk refuses.
@@ -316,7 +325,7 @@ bool syncDirectory(const QString &dir)
     const int fd = ::open(QFile::encodeName(dir).constData(), O_RDONLY | O_DIRECTORY);
     if (fd < 0)
         return false;
-    const bool synced = syncFunction.load()(fd) == 0;
+    const bool synced = syncFunction.load()(fd) == 0 || !refused();
     const int saved = errno;
     ::close(fd);
     errno = saved;
