@@ -1,7 +1,8 @@
 // Fuzz target of table-file loads: arbitrary bytes are loaded as a table file
 // into a table with a master index and a list index, with and without adding
 // the file's columns. A load may fail or throw the library's own errors; it
-// must never crash, hang or leave the indexes disagreeing with the rows.
+// must never crash, hang, leave the indexes disagreeing with the rows, or
+// change the table when it fails.
 #include <database/exception.h>
 #include <database/indexlist.h>
 #include <database/masterindex.h>
@@ -29,6 +30,9 @@ std::unique_ptr<Table> makeTable()
     table->addColumn(QStringLiteral("price"), FieldType::Decimal, 4);
     table->addColumn(QStringLiteral("qty"), FieldType::Double);
     table->setMasterIndex(new MasterIndex_Column_Pure(table.get(), QStringLiteral("id")));
+    unsigned char *row = table->allocRow();
+    table->dataPtr(row, 0).set<qint32>(-7);
+    table->appendRow(row);
     return table;
 }
 
@@ -36,17 +40,21 @@ void load(const QByteArray &bytes, bool addColumns)
 {
     auto table = makeTable();
     IndexList list(table.get(), true);
+    list.build();
     TableIO io(table.get());
     QDataStream stream(bytes);
+    bool loaded = false;
     try {
-        io.read(stream, addColumns);
+        loaded = io.read(stream, addColumns);
     } catch (const Exception &) {
     } catch (const QString &) {
     } catch (const std::bad_alloc &) {
     }
     if (list.count() != table->masterIndex()->count())
         std::abort();
-    if (table->masterIndex()->count() > bytes.size())
+    if (!loaded && table->masterIndex()->count() != 1)
+        std::abort(); // a failed load leaves the table's one row in place
+    if (loaded && table->masterIndex()->count() > bytes.size())
         std::abort(); // every loaded row is backed by at least one byte
 }
 

@@ -36,6 +36,10 @@ public:
     }
     bool failing = false;
     qint64 limit = std::numeric_limits<qint64>::max();
+    // A device still being written may deliver more later: running out of
+    // input is then "nothing yet", not a truncated stream.
+    bool growing = false;
+    bool atEnd() const override { return !growing && QBuffer::atEnd(); }
 
 protected:
     qint64 readData(char *to, qint64 n) override

@@ -39,6 +39,7 @@ private Q_SLOTS:
     void parse_data();
     void parse();
     void referenceCases();
+    void textReadsBack();
     void layoutAndOrder();
     void rounding();
     void localeParse_data();
@@ -96,7 +97,7 @@ void tst_Decimal::parse_data()
          { "",    "-",  "+",  ".",    "1,5", "abc", "1.2.3", "1E3", " 1",   "1 ",
            "12a", "1.", "e5", ".5e3", "1e",  "1e+", "1.5e",  "--1", "0x10", "١٢" })
         bad(text, QString::fromUtf8(text), QString());
-    bad("integer past int64", "9223372036854775808", "9223372036854775808");
+    bad("whole number past scale -64", "1" + QString(82, '0'), "1" + QString(82, '0'));
     bad("fraction past the mantissa", "0.72057594037927936", "072057594037927936");
     bad("overlong fraction", "1." + QString(300, '1'), "1" + QString(300, '1'));
     bad("scale past the top", "0." + QString(64, '0'), QString(64, '0'));
@@ -122,6 +123,19 @@ void tst_Decimal::parse()
 
 // Each line of the reference file is one case; its layout is described in
 // gen_decimal_cases.py.
+// Every text toString() makes reads back to an equal value, also the whole
+// numbers above 2^63 that negative scales make.
+void tst_Decimal::textReadsBack()
+{
+    const qint64 big = decimal::MantissaLimit - 1;
+    for (qint64 mantissa : { qint64(1), qint64(-7), big, -big, qint64(123456789) })
+        for (int scale = decimal::MinScale; scale <= decimal::MaxScale; ++scale) {
+            const decimal value(mantissa, scale);
+            const decimal back = decimal::fromString(value.toString());
+            QVERIFY2(back.compare(value) == 0, qPrintable(value.toString()));
+        }
+}
+
 void tst_Decimal::referenceCases()
 {
     QFile file(QStringLiteral(TESTDATA_DIR "/decimal_cases.txt"));

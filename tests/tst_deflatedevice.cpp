@@ -69,8 +69,46 @@ private slots:
     void roundTrip();
     void streamEndingAnywhereInTheBuffer();
     void misuseAndFailures();
+    void gzipMembersAndDamage();
     void interoperatesWithPython();
 };
+
+// Members written one after another read as one stream; a damaged trailer
+// fails; bytes after the last member are left to the underlying device and
+// reported.
+void TestDeflateDevice::gzipMembersAndDamage()
+{
+    const QByteArray a = sampleData(5000), b = sampleData(70000).mid(3);
+    const QByteArray first = compress(a, DeflateDevice::GzipFormat);
+    const QByteArray second = compress(b, DeflateDevice::GzipFormat);
+    for (int bufferSize : { 7, 65500 }) {
+        FaultyDevice both(first + second);
+        QCOMPARE(decompress(&both, DeflateDevice::GzipFormat, bufferSize), a + b);
+    }
+
+    QByteArray badCrc = first, badLength = first;
+    badCrc[badCrc.size() - 8] = char(badCrc.at(badCrc.size() - 8) ^ 1);
+    badLength[badLength.size() - 1] = char(badLength.at(badLength.size() - 1) ^ 1);
+    FaultyDevice crc(badCrc), length(badLength);
+    QCOMPARE(decompress(&crc, DeflateDevice::GzipFormat),
+             "read failed: Internal zlib error when decompressing: data error");
+    QCOMPARE(decompress(&length, DeflateDevice::GzipFormat),
+             "read failed: Internal zlib error when decompressing: data error");
+
+    FaultyDevice tail(first + "tail");
+    DeflateDevice reader(&tail);
+    reader.setStreamFormat(DeflateDevice::GzipFormat);
+    QVERIFY(reader.open(QIODevice::ReadOnly));
+    QCOMPARE(reader.readAll(), a);
+    QVERIFY(reader.hasTrailingData());
+    QVERIFY(tail.readAll().startsWith("tail"));
+    FaultyDevice clean(first);
+    DeflateDevice cleanReader(&clean);
+    cleanReader.setStreamFormat(DeflateDevice::GzipFormat);
+    QVERIFY(cleanReader.open(QIODevice::ReadOnly));
+    QCOMPARE(cleanReader.readAll(), a);
+    QVERIFY(!cleanReader.hasTrailingData());
+}
 
 void TestDeflateDevice::roundTrip_data()
 {
@@ -99,12 +137,14 @@ void TestDeflateDevice::roundTrip()
     writer->flush();
     writer->flush();
     FaultyDevice flushed(target.data());
+    flushed.growing = true;
     auto flushedReader = deflateOn(&flushed, format);
     flushedReader->open(QIODevice::ReadOnly | QIODevice::Unbuffered);
     QCOMPARE(flushedReader->read(half.size()), half);
     // Read in small pieces, the bytes decoded just before the input runs out
     // still arrive.
     FaultyDevice piecewise(target.data());
+    piecewise.growing = true;
     QCOMPARE(decompress(&piecewise, format, bufferSize), half);
     QCOMPARE(writer->write(data.mid(half.size())), qint64(data.size() - half.size()));
     writer->close();
@@ -181,13 +221,21 @@ void TestDeflateDevice::misuseAndFailures()
     QVERIFY(!missingReader.open(QIODevice::ReadOnly));
     QVERIFY(missingReader.errorString().startsWith("Error opening underlying device: "));
 
-    // A truncated stream reads as "nothing yet", not as an error; a corrupt
-    // one, or an underlying device that fails, fails for good.
+    // A truncated stream reads as "nothing yet" from a device still being
+    // written, as an error once a random-access one is at its end (whether it is cut in
+    // the data or in the trailer); a corrupt one, or an underlying device that
+    // fails, fails for good.
     const QByteArray data = sampleData(1000), stream = compress(data, DeflateDevice::GzipFormat);
     FaultyDevice truncated(stream.left(stream.size() / 2)), failing(stream);
     FaultyDevice corrupt("\x78\x9c\xff\xff\xff\xff garbage");
     failing.failing = true;
+    truncated.growing = true;
     QVERIFY(data.startsWith(decompress(&truncated, DeflateDevice::GzipFormat)));
+    for (int cut : { 1, int(stream.size()) / 2, int(stream.size()) - 1 }) {
+        FaultyDevice cutFile(stream.left(cut));
+        QCOMPARE(decompress(&cutFile, DeflateDevice::GzipFormat),
+                 "read failed: Unexpected end of the compressed stream");
+    }
     QCOMPARE(decompress(&corrupt, DeflateDevice::ZlibFormat),
              "read failed: Internal zlib error when decompressing: data error");
     QCOMPARE(decompress(&failing, DeflateDevice::GzipFormat),

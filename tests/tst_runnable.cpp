@@ -21,7 +21,15 @@ public:
         : m_gated(gated)
     {
     }
-    ~Task() override { ++g_destroyed; }
+    ~Task() override
+    {
+        // A slow destructor widens the gap between a task leaving the running
+        // list and its deletion by the pool.
+        if (slowDestructor)
+            QThread::msleep(2);
+        ++g_destroyed;
+    }
+    bool slowDestructor = false;
 
     void run() override
     {
@@ -129,10 +137,15 @@ void TestRunnable::refusesNullsAndDestructorWaits()
     QTest::ignoreMessage(QtWarningMsg,
                          "RunnableManager::startRunnable: null thread pool, task deleted");
     QCOMPARE(manager->startRunnable(new Task(false), nullptr), nullptr);
-    for (int i = 0; i < 20; ++i)
-        manager->startRunnable(new Task(i % 2), &pool);
+    for (int i = 0; i < 20; ++i) {
+        auto *task = new Task(i % 2);
+        task->slowDestructor = i >= 18;
+        manager->startRunnable(task, &pool);
+    }
     delete manager;
     QCOMPARE(g_runsEnded.load(), 20);
+    // Every payload is gone before the destructor returns.
+    QCOMPARE(g_destroyed.load(), 21);
     // The finished events posted to the deleted manager must be dropped.
     QCoreApplication::processEvents();
     QVERIFY(pool.waitForDone(60000));

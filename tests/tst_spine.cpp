@@ -179,6 +179,28 @@ void tst_Spine::addColumnRefusals()
              QStringLiteral("Length of string can't be zero"));
     QCOMPARE(thrownText([&] { table.addColumn(QStringLiteral("x"), FieldType::Invalid); }),
              QStringLiteral("Type is undefined."));
+    QCOMPARE(thrownText([&] { table.addColumn(QStringLiteral("s"), FieldType::VarChar, -4); }),
+             QStringLiteral("Length of string -4 is negative."));
+    QCOMPARE(thrownText([&] { table.addColumn(QStringLiteral("s"), FieldType::VarChar, 1 << 30); }),
+             QStringLiteral("Length of string 1073741824 exceeds 32767."));
+    // A batch is refused whole: a name given twice, a row past MaxRowSize.
+    TableColumnDef a, b;
+    a.name = QStringLiteral("a");
+    a.type = FieldType::Integer;
+    b = a;
+    b.name = QStringLiteral("A");
+    QCOMPARE(thrownText([&] {
+                 table.addColumns({ a, b });
+             }),
+             QStringLiteral("Column 'A' already exists for table 'quotes'."));
+    QList<TableColumnDef> wide;
+    for (int i = 0; i < 40000; ++i) {
+        b.name = QString::number(i);
+        b.type = FieldType::VarChar;
+        b.length = FieldType::MaxStringLength;
+        wide.append(b);
+    }
+    QVERIFY(thrownText([&] { table.addColumns(wide); }).startsWith("Rows of table 'quotes'"));
     // Refusals leave the table as it was.
     QCOMPARE(table.columns(), QStringList { QStringLiteral("price") });
     QCOMPARE(table.rowSize(), size);

@@ -257,26 +257,27 @@ void TestTableIO::hostileInput_data()
     auto row = [](const char *name, int rowsLoaded, const char *error, HeaderEdit edit) {
         QTest::newRow(name) << edit << rowsLoaded << QString(error);
     };
-    row("bad magic", 0, "not a table file .magic 0x20151003.", [](H &h) { h.magic += 1; });
-    row("more rows than data", 2, "data ends after 2", [](H &h) { h.rowCount = 0x7FFFFFFF; });
-    row("negative rows", 0, "inconsistent counts", [](H &h) { h.rowCount = -5; });
-    row("negative columns", 0, "negative column count", [](H &h) { h.columnCount = -1; });
-    row("unknown type", 0, "unknown type 9", [](H &h) { h.columns[1].type = FieldType::Type(9); });
-    row("size disagrees", 0, "declares 8 bytes", [](H &h) { h.columns[0].size = 8; });
-    row("huge string", 0, "bad string length", [](H &h) {
+    row("bad magic", 4, "not a table file .magic 0x20151003.", [](H &h) { h.magic += 1; });
+    row("rows past the limit", 4, "more than the limit", [](H &h) { h.rowCount = 0x7FFFFFFF; });
+    row("more rows than data", 4, "data ends after 2", [](H &h) { h.rowCount = 3; });
+    row("negative rows", 4, "inconsistent counts", [](H &h) { h.rowCount = -5; });
+    row("negative columns", 4, "negative column count", [](H &h) { h.columnCount = -1; });
+    row("unknown type", 4, "unknown type 9", [](H &h) { h.columns[1].type = FieldType::Type(9); });
+    row("size disagrees", 4, "declares 8 bytes", [](H &h) { h.columns[0].size = 8; });
+    row("huge string", 4, "bad string length", [](H &h) {
         h.columns[1].length = 0x40000000;
         h.columns[1].size = 0x80000000LL;
     });
     // An empty key list is written below as a key count that no names follow.
-    row("huge key count", 0, "inside the key columns", [](H &h) { h.keyColumns.clear(); });
-    row("row length disagrees", 0, "row length", [](H &h) { h.rowLength += 1; });
+    row("huge key count", 4, "inside the key columns", [](H &h) { h.keyColumns.clear(); });
+    row("row length disagrees", 4, "row length", [](H &h) { h.rowLength += 1; });
     // Rows of no bytes: their count is not to be believed.
     row("rows of no columns", 0, "",
         [](H &h) { h = H { h.magic, 0, 0x7FFFFFFF, 0, 0, {}, h.keyColumns }; });
 }
 
-// Corrupt headers get an error and an emptied table, or an empty load: no
-// crash, hang or huge allocation.
+// Corrupt headers get an error and leave the table's rows as they were, or
+// an empty load: no crash, hang or huge allocation.
 void TestTableIO::hostileInput()
 {
     QFETCH(HeaderEdit, edit);
@@ -303,15 +304,14 @@ void TestTableIO::hostileInput()
     QVERIFY_INDEXES(target.get());
 }
 
-// Writes and reads that fail early (in the header: nothing is loaded) or late
-// (in the last row: the 49 complete rows stay). A failed write leaves a prefix
-// of the good bytes.
+// Writes and reads that fail early (in the header) or late (in the last row):
+// either way the load changes nothing, the table keeps exactly its own three
+// rows. A failed write leaves a prefix of the good bytes.
 void TestTableIO::faultyDevices()
 {
     auto table = quotes("quotes", 50);
     const QByteArray bytes = save(*table);
-    const std::pair<qint64, int> cases[] = { { 10, 0 }, { bytes.size() - 10, 49 } };
-    for (const auto &[limit, kept] : cases) {
+    for (const qint64 limit : { qint64(10), qint64(bytes.size() - 10) }) {
         FaultyDevice sink, source;
         sink.limit = source.limit = limit;
         source.setData(bytes);
@@ -324,10 +324,10 @@ void TestTableIO::faultyDevices()
         QVERIFY(!io.errorString().isEmpty());
         QVERIFY(bytes.startsWith(sink.data()));
 
-        auto target = quotes("quotes", 0);
+        auto target = quotes("quotes", 3);
         QTest::ignoreMessage(QtWarningMsg, QRegularExpression("TableIO: "));
         QVERIFY(!TableIO(target.get()).read(in, false));
-        QCOMPARE(target->rowCount(), kept);
+        QCOMPARE(target->rowCount(), 3);
         QVERIFY_INDEXES(target.get());
     }
 }

@@ -71,7 +71,10 @@ public:
     // The exact grammar, one of (each matching the whole text, no spaces):
     //   [+-]digits                 scale 0; a number that does not fit the
     //                              mantissa is divided by 10 (truncating) and
-    //                              its scale lowered until it fits
+    //                              its scale lowered until it fits, whatever
+    //                              its length (refused past scale -64), so
+    //                              that every toString() reads back to an
+    //                              equal value, also above 2^63
     //   [+-][digits].digits        scale = number of fraction digits
     //   [+-]digits[.][digits]e[+-]digits
     //                              scale = fraction digits - exponent

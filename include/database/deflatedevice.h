@@ -64,11 +64,20 @@ class DeflateDevicePrivate;
 //    from its start (duplicating data on devices that write partially; files
 //    never do). A device that accepts no byte at all counts as a write error,
 //    so the retry cannot spin forever.
+//
+// Damaged input:
 //  - A read that runs out of compressed input before the end of the stream
-//    is not an error: it returns the bytes it did decode in that call, or 0
-//    ("nothing available yet") when there were none. A truncated stream thus
-//    reads as its decodable start and then 0, never as an error, and no
-//    decoded byte is ever dropped.
+//    returns the bytes it did decode in that call, or 0 ("nothing available
+//    yet") while the underlying device may still deliver more (a sequential
+//    device). When the underlying device is random-access (a file, a buffer)
+//    and at its end, more will never come: the stream is truncated, and the
+//    read fails (-1, "Unexpected end of the compressed stream", state Failed). A bad CRC or length
+//    in a gzip trailer fails likewise, with zlib's text.
+//  - Gzip: members written one after another read as one stream, as gzip
+//    reads them. Bytes after the last member that do not begin another one
+//    are not decompressed: they are pushed back (invariant 4) and
+//    hasTrailingData() turns true, so that a reader that expects the file to
+//    end with the stream can refuse it.
 //
 // Decisions of this implementation:
 //  - flush() does nothing before the first write (invariant 3 holds for a
@@ -115,6 +124,10 @@ public:
 
     bool isSequential() const override;
     qint64 bytesAvailable() const override;
+
+    // Gzip reading: bytes that do not begin another member followed the end of
+    // the stream (known once a read has reached it). Reset by open().
+    bool hasTrailingData() const;
 
 protected:
     qint64 readData(char *data, qint64 maxSize) override;

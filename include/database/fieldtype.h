@@ -16,8 +16,8 @@
 //     text, then zero units up to the end; a text of exactly `length` units has
 //     no terminating zero.
 //
-// Errors are thrown as a bare QString (not Exception): "Type is undefined." and
-// "Length of string can't be zero".
+// Errors are thrown as a bare QString (not Exception): "Type is undefined.",
+// "Length of string can't be zero" and "Length of string %1 exceeds 32767.".
 //
 // Thread-safety: all members are static and reentrant.
 class DATABASE_EXPORT FieldType
@@ -34,9 +34,14 @@ public:
         BoardList = 7
     };
 
+    // The longest VarChar, in UTF-16 units: string cells are read with a
+    // 16-bit counter.
+    static const int MaxStringLength = 32767;
+
     // Cell size in bytes. VarChar: 2 * length (a negative length is not
-    // checked). Throws QString for a VarChar of length 0 and for Invalid or
-    // unknown types.
+    // checked here; Table::addColumn refuses it). Throws QString for a VarChar
+    // of length 0 ("Length of string can't be zero") or above MaxStringLength
+    // ("Length of string %1 exceeds 32767."), and for Invalid or unknown types.
     static int typeLength(int type, int length);
     // True exactly for Decimal and VarChar.
     static bool typeHasLength(int type);

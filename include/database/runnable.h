@@ -13,6 +13,7 @@
 class QThreadPool;
 class QWaitCondition;
 class RunnableManager;
+class RunnableTracker;
 
 // Runnable is a cancellable unit of work for a thread pool. Subclasses put the
 // work in run() and, in every loop that may take long, poll canRun() and leave
@@ -85,8 +86,13 @@ public:
 private:
     Q_DISABLE_COPY(RunnableWrapper)
 
+    friend class RunnableManager;
+
     Runnable *const m_payload;
     const QSharedPointer<QWaitCondition> m_waitCondition;
+    // Set by the manager that started the wrapper: told when the wrapper and
+    // its payload are gone. Shared, so it outlives whichever goes last.
+    QSharedPointer<RunnableTracker> m_tracker;
     RunnableManager *const m_manager;
     QList<void *> *const m_list;
     QReadWriteLock *const m_lock;
@@ -126,13 +132,15 @@ private:
 //  1. The running list holds the handles of started, unfinished tasks, each
 //     once, in start order.
 //  2. The destructor returns only after every task started by this manager has
-//     left the running list.
+//     left the running list and its wrapper and payload have been deleted: no
+//     payload outlives the manager.
 class DATABASE_EXPORT RunnableManager : public QObject
 {
     Q_OBJECT
 public:
     explicit RunnableManager(QObject *parent = nullptr);
-    // Stops every task and waits until all have ended.
+    // Stops every task and waits until all have ended and every wrapper and
+    // payload has been deleted.
     ~RunnableManager() override;
 
     // Takes ownership of task, starts it on pool with the given priority and
@@ -163,6 +171,8 @@ private:
 
     QList<void *> m_running;
     mutable QReadWriteLock m_lock;
+    // Counts the wrappers started here and not yet deleted.
+    const QSharedPointer<RunnableTracker> m_tracker;
 };
 
 #endif // DATABASE_RUNNABLE_H

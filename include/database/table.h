@@ -48,16 +48,23 @@ class TablePrivate;
 //         +-----endUpdate----------+<------endUpdate--------+
 //           (notifies, unlocks)          (counts only)
 //
-//   Only the outermost pair notifies. beginUpdate(): the dependent indexes
-//   (dependentBeginUpdate(this)), then the table's lock, then the main index and
-//   the index list (beginUpdate()). endUpdate() mirrors it: the main index and
-//   the index list (endUpdate()), the lock released, then the dependent indexes
-//   (dependentEndUpdate(this)).
-//   An unbalanced endUpdate() (depth already 0) warns, still notifies the main
-//   index, the index list and the dependent indexes, and leaves the depth at -1,
-//   so the table stays off by one until a spare beginUpdate(): callers must pair
-//   the calls. It never releases a lock that no bracket of the calling thread
-//   took (unlocking a mutex one does not hold is undefined).
+//   Every beginUpdate() first takes the table's recursive lock and holds it
+//   until its endUpdate(), and only then counts: a bracket opened on another
+//   thread waits until this thread's outermost bracket has closed, so two
+//   threads never change the indexes at once and the depth always belongs to
+//   the thread holding the lock. Only the outermost pair notifies.
+//   beginUpdate(): the lock, then the dependent indexes
+//   (dependentBeginUpdate(this)), then the main index and the index list
+//   (beginUpdate()). endUpdate() mirrors it: the main index and the index list
+//   (endUpdate()), the lock released, then the dependent indexes
+//   (dependentEndUpdate(this)). The dependent indexes are thus told of the
+//   opening under this table's lock: they must not wait for another table's
+//   lock that a thread holding this one may want.
+//   An unbalanced endUpdate() (no bracket of the calling thread open) warns,
+//   still notifies the main index, the index list and the dependent indexes,
+//   and leaves the depth at -1, so the table stays off by one until a spare
+//   beginUpdate(): callers must pair the calls. It never releases a lock that
+//   no bracket of the calling thread took.
 //
 // Notification order of the changes (every list is copied before it is walked,
 // so an index may register or unregister indexes from inside a notification;
@@ -74,8 +81,10 @@ class TablePrivate;
 // brackets.
 //
 // Threads: a table is changed on one thread at a time, under its recursive lock
-// (lock()/unlock(), also taken by the outermost beginUpdate()). The update depth
-// is atomic, so a nested bracket of the holding thread costs one increment.
+// (lock()/unlock(), also held by every open change bracket). Brackets may be
+// opened from several threads: they take turns. The update depth is changed
+// only under the lock; a nested bracket of the holding thread costs a
+// recursive lock and one increment.
 //
 // Errors of definitions (addColumn) are thrown as a bare QString before anything
 // changes.
@@ -95,6 +104,9 @@ public:
     // deletes the previous one.
     MasterIndex *masterIndex() const;
     void setMasterIndex(MasterIndex *index);
+    // Whether a main index holds the rows (the master index, or a test
+    // double): without one, appended rows are dropped.
+    bool hasMainIndex() const;
 
     // --- columns ---
     int columnCount() const;
@@ -120,10 +132,17 @@ public:
     // its order, grown, put back, and the listed indexes built again. A row
     // still held elsewhere is reported in the debug log and re-laid anyway.
     // Throws QString: "Column name can't be empty.", "Column '%1' already exists
-    // for table '%2'.", and the cell-size errors of FieldType::typeLength.
+    // for table '%2'.", "Length of string %1 is negative.", "Rows of table '%1'
+    // would exceed %2 bytes." (MaxRowSize), and the cell-size errors of
+    // FieldType::typeLength (a zero or too long VarChar, an unknown type).
     // REQUIRES: no Record, raw row pointer or Field of this table's rows is
     // held outside its indexes.
     void addColumn(const TableColumnDef &def);
+    // Adds several columns at once, in order, re-laying the rows once: linear
+    // in the number of columns (a file of thousands of columns loads through
+    // it). Every definition is checked before anything changes; the errors are
+    // those of addColumn, and a name given twice in `defs` is a duplicate.
+    void addColumns(const QList<TableColumnDef> &defs);
     void addColumn(const QString &name, FieldType::Type type, int length = 0, bool nullable = true,
                    const QString &title = QString(), bool auxFlag = true,
                    const QString &description = QString());
@@ -132,6 +151,9 @@ public:
                    const QString &description = QString());
 
     // --- layout and row primitives ---
+    // The largest row block a table may have (header, cells and flags): row
+    // sizes are ints, and no real table comes near it.
+    static const int MaxRowSize = 1 << 30;
     int rowLength() const;
     int rowLengthUnaligned() const;
     int rowSize() const;

@@ -11,6 +11,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
+
 class FieldDefConvertor;
 class QDataStream;
 class QDir;
@@ -70,15 +72,45 @@ public:
 // runs inside one update bracket of the table and is meant for the thread that
 // owns the table.
 //
-// Loading (read) runs through these states:
+// Loading (read) is all-or-nothing: the file is read, checked and converted
+// in full before the table is touched, so a load that fails for any reason
+// (bad header, truncated or damaged data, data that goes on after the last
+// row, a limit passed, memory running out) leaves the table with its columns,
+// its rows and its indexes' order exactly as they were. The price is memory:
+// during a load the old rows and the new ones exist side by side.
 //
 //   stream at its end ----------------------------> false, table untouched
-//   otherwise: bracket opened, table cleared, indexes taken aside
-//     header short, corrupt or wrong magic -------> false, table left empty
-//     columns added (addColumns), conversions built (Exception passes out)
-//     rows: read, converted, filtered, appended in batches of 10240
-//       data ends before rowCount rows ----------> false, the rows read stay
-//   bracket closed, indexes rebuilt once ---------> true
+//   header short, corrupt or wrong magic ---------> false, table untouched
+//   rows or bytes above loadLimits() -------------> false, table untouched
+//   conversions built (Exception passes out) -----> table untouched
+//   rows read, converted, filtered into staging
+//     data ends early, out of memory -------------> false, table untouched
+//     file goes on after the last row (file
+//     loads), bad gzip trailer ------------------> false, table untouched
+//   commit: bracket opened, columns added (addColumns), a master index made
+//   when the table has none, rows replaced in batches of BatchSize, bracket
+//   closed, indexes rebuilt once -----------------> true
+//
+// FilterProgress::filter() sees each record before it joins the table; when
+// the load adds columns, the record's table() is a stand-in of the table's
+// final layout, so its cells read as they will in the table.
+//
+// Should memory run out while the table takes the rows (its index lists
+// growing), the table gets its previous rows back (with any added columns)
+// and the load returns false.
+//
+// A table without a main index has nowhere to keep rows: a load gives it the
+// file's primary key (a MasterIndex_Column_Pure over the file's key columns)
+// or, when the file names none, fails.
+//
+// Limits (LoadLimits): a load refuses, before reading any row, a file that
+// declares more than maxRows rows, or whose rows would take more than
+// maxBytes bytes in memory (row blocks of the table's layout plus two handles
+// each). The defaults, 100 million rows and 4 GiB, suit a desktop; a host
+// sets its own for every new TableIO with setDefaultLoadLimits(), or for one
+// with setLoadLimits(). A file of a few hundred kilobytes can declare
+// billions of rows that compress to nothing; the limits stop it before any
+// memory is taken.
 //
 // Errors: expected failures (files that cannot be opened, read or committed,
 // corrupt or truncated data) return false, set errorString() and log a
@@ -106,8 +138,11 @@ public:
 // (TableIndexRebuilder); the main index takes the batches as they come.
 //
 // Saving never loses the previous file: a save writes through QSaveFile
-// (under the compressor when compressed) and deletes the other form (plain
-// or ".gz") only once the new file is committed.
+// (under the compressor when compressed), syncs the new file to the disk
+// before it replaces the old one and the directory after, and deletes the
+// other form (plain or ".gz") only once the new file is committed. A sync that
+// fails is a failed save (before the replacement the old file stays; after
+// it, the save reports that the directory could not be synced).
 class DATABASE_EXPORT TableIO
 {
 public:
@@ -157,8 +192,29 @@ public:
     };
     typedef QMap<ConvertKey, FieldDefConvertor *> Convertors;
 
+    // Bounds of one load; see the class comment.
+    struct LoadLimits
+    {
+        qint64 maxRows = 100 * 1000 * 1000;
+        qint64 maxBytes = qint64(4) << 30;
+    };
+
     explicit TableIO(Table *table);
     ~TableIO();
+
+    // This object's limits, the process-wide defaults when constructed.
+    LoadLimits loadLimits() const;
+    void setLoadLimits(const LoadLimits &limits);
+    // The limits every TableIO starts with. Thread-safe.
+    static LoadLimits defaultLoadLimits();
+    static void setDefaultLoadLimits(const LoadLimits &limits);
+
+    // Test hooks. A load of any TableIO fails to allocate (as if memory ran
+    // out) once it has staged `rows` rows; -1 turns it off.
+    static void testingFailAllocationAfter(qint64 rows);
+    // Saves sync files and directories with `sync` instead of fsync (null:
+    // fsync again), so that a test can make the disk refuse.
+    static void testingSetSyncFunction(int (*sync)(int fd));
 
     Table *table() const;
     // The last failure's message; empty after a success.
@@ -202,7 +258,9 @@ public:
     bool read(QDataStream &stream, bool addColumns, const Convertors &convertors);
     bool read(QDataStream &stream, bool addColumns);
     // Loads the plain file, or else the ".gz" one; neither leaves the table
-    // untouched (and returns false).
+    // untouched (and returns false). Unlike a stream, a file must end with
+    // its last row (and, compressed, with a sound gzip trailer; members
+    // written one after another read as one stream).
     bool read(FilterProgress &progress, const QDir &dir, bool addColumns);
     bool read(const QDir &dir, bool addColumns);
 
@@ -243,6 +301,16 @@ public:
 
 private:
     Q_DISABLE_COPY(TableIO)
+    // The load behind every read(): `dataEnded`, when set, is asked after the
+    // last row whether the data ended there (false with errorString() set).
+    bool load(FilterProgress &progress, QDataStream &stream, bool addColumns,
+              const Convertors &convertors, const std::function<bool()> &dataEnded);
+    // The file columns that a load with addColumns adds to the table.
+    QList<TableColumnDef> columnsToAdd(const TableHeader &header,
+                                       const Convertors &convertors) const;
+    static void makeConvertors(QList<FieldDefConvertor *> &list, const Table *target,
+                               const Table *scratch, const Convertors &convertors);
+
     const QScopedPointer<TableIOPrivate> d;
 };
 

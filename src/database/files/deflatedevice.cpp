@@ -2,6 +2,7 @@
 
 #include <QtGlobal>
 
+#include <cstring>
 #include <limits>
 #include <memory>
 
@@ -55,6 +56,7 @@ public:
     void flushZlib(int flushMode);
     // Gives the unconsumed compressed input back to the underlying device.
     void pushBackUnconsumedInput();
+    bool nextGzipMemberFollows();
     void closeManagedDevice();
 
     DeflateDevice *const owner;
@@ -66,6 +68,8 @@ public:
     const std::unique_ptr<Bytef[]> buffer;
     State state = Closed;
     DeflateDevice::StreamFormat streamFormat = DeflateDevice::ZlibFormat;
+    // Gzip: bytes that do not start another member followed the last one.
+    bool trailingData = false;
 };
 
 namespace {
@@ -182,6 +186,27 @@ void DeflateDevicePrivate::pushBackUnconsumedInput()
         device->ungetChar(static_cast<char>(unconsumed[i - 1]));
 }
 
+bool DeflateDevicePrivate::nextGzipMemberFollows()
+{
+    // Looks at the two bytes after the member that just ended, reading more
+    // input when fewer are buffered; they stay unconsumed either way.
+    if (zlibStream.avail_in < 2) {
+        const uInt kept = zlibStream.avail_in;
+        if (kept > 0)
+            std::memmove(buffer.get(), zlibStream.next_in, kept);
+        const qint64 read = device->read(reinterpret_cast<char *>(buffer.get()) + kept,
+                                         bufferSize - qint64(kept));
+        zlibStream.next_in = buffer.get();
+        zlibStream.avail_in = kept + static_cast<uInt>(qMax<qint64>(read, 0));
+    }
+    if (zlibStream.avail_in == 0)
+        return false;
+    if (zlibStream.avail_in >= 2 && zlibStream.next_in[0] == 0x1f && zlibStream.next_in[1] == 0x8b)
+        return true;
+    trailingData = true;
+    return false;
+}
+
 void DeflateDevicePrivate::closeManagedDevice()
 {
     if (manageDevice) {
@@ -273,6 +298,7 @@ bool DeflateDevice::open(QIODevice::OpenMode mode)
     int status;
     if (reading) {
         d->state = DeflateDevicePrivate::ReadNotStarted;
+        d->trailingData = false;
         d->zlibStream.next_in = Z_NULL;
         d->zlibStream.avail_in = 0;
         if (d->streamFormat == ZlibFormat) {
@@ -360,6 +386,11 @@ qint64 DeflateDevice::bytesAvailable() const
     return static_cast<int>(count) > 0 ? 1 : 0;
 }
 
+bool DeflateDevice::hasTrailingData() const
+{
+    return d->trailingData;
+}
+
 qint64 DeflateDevice::readData(char *data, qint64 maxSize)
 {
     if (d->state == DeflateDevicePrivate::ReadAtEnd)
@@ -389,6 +420,14 @@ qint64 DeflateDevice::readData(char *data, qint64 maxSize)
                 if (read == 0)
                     return 0;
                 d->state = DeflateDevicePrivate::ReadInStream;
+            } else if (read == 0 && d->device->atEnd() && !d->device->isSequential()) {
+                // A file that ends inside the stream will never give more:
+                // hand over what this call decoded, then fail.
+                if (stream.avail_out != requested)
+                    return requested - stream.avail_out;
+                d->state = DeflateDevicePrivate::Failed;
+                setErrorString(QStringLiteral("Unexpected end of the compressed stream"));
+                return -1;
             }
             stream.next_in = d->buffer.get();
             stream.avail_in = static_cast<uInt>(read);
@@ -408,6 +447,12 @@ qint64 DeflateDevice::readData(char *data, qint64 maxSize)
             // call did inflate (zlib has consumed its input), and be called
             // again when more input exists.
             return requested - stream.avail_out;
+        case Z_STREAM_END:
+            if (d->streamFormat == GzipFormat && d->nextGzipMemberFollows()) {
+                inflateReset(&stream);
+                status = Z_OK;
+            }
+            break;
         default:
             break;
         }

@@ -7,6 +7,7 @@
 #include <database/exception.h>
 #include <database/fielddefconvertor.h>
 #include <database/indexlist.h>
+#include <database/masterindex_column.h>
 #include <database/masterindex_struct.h>
 #include <database/table.h>
 #include <database/tablerebuilder.h>
@@ -14,10 +15,15 @@
 #include <QDataStream>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QSaveFile>
 
-#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <new>
@@ -246,6 +252,18 @@ qint64 indexBytes(const Index *index)
     return 0;
 }
 
+// The rows of the table's master index, in its order.
+QList<Record> rowsOfMasterIndex(const Table *table)
+{
+    QList<Record> rows;
+    if (const MasterIndex *master = table->masterIndex()) {
+        rows.reserve(master->count());
+        for (auto it = master->begin(), end = master->end(); it != end; ++it)
+            rows.append(*it);
+    }
+    return rows;
+}
+
 // Names the file in the messages of one save or load.
 struct FileContext
 {
@@ -259,6 +277,52 @@ struct FileContext
 };
 
 } // namespace
+
+// Rows a load may allocate before the test hook makes allocation fail; -1: no hook.
+std::atomic<qint64> testingAllocationBudget { -1 };
+std::atomic<qint64> defaultMaxRows { TableIO::LoadLimits().maxRows };
+std::atomic<qint64> defaultMaxBytes { TableIO::LoadLimits().maxBytes };
+std::atomic<int (*)(int)> syncFunction { &::fsync };
+
+// Whether a failed sync means the disk refused, not that the file system
+// cannot sync at all (then there is nothing more to do).
+bool refused()
+{
+    return errno != EINVAL && errno != ENOTSUP;
+}
+
+// Writes the file's data to the disk; false (errno set) when the disk refuses.
+bool syncToDisk(QFileDevice &file)
+{
+    if (!file.flush())
+        return false;
+    return syncFunction.load()(file.handle()) == 0 || !refused();
+}
+
+// Makes a rename in `dir` durable; false (errno set) when the disk refuses.
+bool syncDirectory(const QString &dir)
+{
+    const int fd = ::open(QFile::encodeName(dir).constData(), O_RDONLY | O_DIRECTORY);
+    if (fd < 0)
+        return false;
+    const bool synced = syncFunction.load()(fd) == 0 || !refused();
+    const int saved = errno;
+    ::close(fd);
+    errno = saved;
+    return synced;
+}
+
+// Names the decompressor of one load in its messages, on every path.
+struct DecompressorContext
+{
+    DecompressorContext(const QIODevice *&slot, const QIODevice *device)
+        : slot(slot)
+    {
+        slot = device;
+    }
+    ~DecompressorContext() { slot = nullptr; }
+    const QIODevice *&slot;
+};
 
 // --- FilterProgress ---------------------------------------------------------------------
 
@@ -299,12 +363,20 @@ class TableIOPrivate
 {
 public:
     Table *table = nullptr;
+    TableIO::LoadLimits limits = TableIO::defaultLoadLimits();
     QString error;
     // The file being saved or loaded, named in every message about it.
     QString file;
 
-    bool fail(const QString &message)
+    // The decompressor of the file being loaded: its own error, when it has
+    // one, is the cause of any failure and is named with it.
+    const QIODevice *decompressor = nullptr;
+
+    bool fail(QString message)
     {
+        if (decompressor && hasDeviceError(*decompressor)
+            && !message.contains(decompressor->errorString()))
+            message += QStringLiteral(" (%1)").arg(decompressor->errorString());
         error = file.isEmpty() ? message : QStringLiteral("%1: %2").arg(file, message);
         qWarning("TableIO: %s", qPrintable(error));
         return false;
@@ -328,6 +400,40 @@ Table *TableIO::table() const
 QString TableIO::errorString() const
 {
     return d->error;
+}
+
+TableIO::LoadLimits TableIO::loadLimits() const
+{
+    return d->limits;
+}
+
+void TableIO::setLoadLimits(const LoadLimits &limits)
+{
+    d->limits = limits;
+}
+
+TableIO::LoadLimits TableIO::defaultLoadLimits()
+{
+    LoadLimits limits;
+    limits.maxRows = defaultMaxRows.load();
+    limits.maxBytes = defaultMaxBytes.load();
+    return limits;
+}
+
+void TableIO::setDefaultLoadLimits(const LoadLimits &limits)
+{
+    defaultMaxRows.store(limits.maxRows);
+    defaultMaxBytes.store(limits.maxBytes);
+}
+
+void TableIO::testingFailAllocationAfter(qint64 rows)
+{
+    testingAllocationBudget.store(rows);
+}
+
+void TableIO::testingSetSyncFunction(int (*sync)(int fd))
+{
+    syncFunction.store(sync ? sync : &::fsync);
 }
 
 QString TableIO::fileName(const QDir &dir) const
@@ -527,8 +633,18 @@ bool TableIO::write(FilterProgress &progress, const QDir &dir, bool withRows)
         file.cancelWriting();
         return d->fail(QStringLiteral("can't write: %1").arg(reason));
     }
+    // The data must be on the disk before the new file replaces the old one
+    // (QSaveFile syncs too, but ignores a failure).
+    if (!syncToDisk(file)) {
+        const QString reason = QString::fromLocal8Bit(std::strerror(errno));
+        file.cancelWriting();
+        return d->fail(QStringLiteral("can't write to the disk: %1").arg(reason));
+    }
     if (!file.commit())
         return d->fail(QStringLiteral("can't commit: %1").arg(file.errorString()));
+    if (!syncDirectory(QFileInfo(path).absolutePath()))
+        return d->fail(QStringLiteral("saved, but the directory can't be written to the disk: %1")
+                           .arg(QString::fromLocal8Bit(std::strerror(errno))));
     if (QFile::exists(other) && !QFile::remove(other))
         return d->fail(QStringLiteral("saved, but the stale %1 can't be removed").arg(other));
     return true;
@@ -546,107 +662,162 @@ bool TableIO::write(const QDir &dir)
 bool TableIO::read(FilterProgress &progress, QDataStream &stream, bool addColumns,
                    const Convertors &convertors)
 {
+    return load(progress, stream, addColumns, convertors, nullptr);
+}
+
+QList<TableColumnDef> TableIO::columnsToAdd(const TableHeader &header,
+                                            const Convertors &convertors) const
+{
+    QList<TableColumnDef> added;
+    for (const TableColumnDef &column : header.columns) {
+        if (column.name.isEmpty() || d->table->columnIndex(column.name) >= 0)
+            continue;
+        bool dropped = false;
+        for (auto it = convertors.cbegin(); it != convertors.cend(); ++it) {
+            if (it.key().first.compare(column.name, Qt::CaseInsensitive) == 0) {
+                dropped = false;
+                break;
+            }
+            if (it.key().first.isEmpty()
+                && it.key().second.compare(column.name, Qt::CaseInsensitive) == 0)
+                dropped = true;
+        }
+        if (!dropped)
+            added.append(TableColumnDef(nullptr, column));
+    }
+    return added;
+}
+
+bool TableIO::load(FilterProgress &progress, QDataStream &stream, bool addColumns,
+                   const Convertors &convertors, const std::function<bool()> &dataEnded)
+{
     d->error.clear();
     if (!d->table)
         return d->fail(QStringLiteral("no table to read"));
     if (!stream.device() || stream.atEnd())
         return d->fail(QStringLiteral("Table %1: the stream is empty.").arg(d->tableName()));
-
     Table *table = d->table;
-    TableIndexRebuilder rebuilder(table);
-    const TableUpdateBracket bracket(table);
-    table->clear();
 
+    // --- staging: the table is not touched until the whole file is read ---
     TableHeader header;
     if (!readHeader(header, stream) || !checkHeader(header))
         return false;
 
     Table scratch(QStringLiteral("saved"), QString());
+    const QList<TableColumnDef> added
+        = addColumns ? columnsToAdd(header, convertors) : QList<TableColumnDef>();
+    // Rows are staged in blocks of the table's layout after the load: its own,
+    // or, when columns are to be added, that of a preview table holding the
+    // table's columns and the added ones in the same order.
+    std::unique_ptr<Table> preview;
+    const Table *layout = table;
     try {
-        for (const TableColumnDef &column : qAsConst(header.columns))
-            scratch.addColumn(column);
+        scratch.addColumns(header.columns);
+        if (!added.isEmpty()) {
+            preview.reset(new Table(table->name(), QString()));
+            QList<TableColumnDef> all;
+            for (const TableColumnDef *def : table->fieldDefs())
+                all.append(TableColumnDef(nullptr, *def));
+            preview->addColumns(all + added);
+            layout = preview.get();
+        }
     } catch (const QString &message) {
         return d->fail(QStringLiteral("Table %1: %2").arg(d->tableName(), message));
     }
 
-    if (addColumns) {
-        for (const TableColumnDef &column : qAsConst(header.columns)) {
-            if (column.name.isEmpty() || table->columnIndex(column.name) >= 0)
-                continue;
-            bool dropped = false;
-            for (auto it = convertors.cbegin(); it != convertors.cend(); ++it) {
-                if (it.key().first.compare(column.name, Qt::CaseInsensitive) == 0) {
-                    dropped = false;
-                    break;
-                }
-                if (it.key().first.isEmpty()
-                    && it.key().second.compare(column.name, Qt::CaseInsensitive) == 0)
-                    dropped = true;
-            }
-            if (dropped)
-                continue;
-            try {
-                table->addColumn(column.name, column.type, column.length, column.nullable,
-                                 column.title, column.auxFlag, column.description);
-            } catch (const QString &message) {
-                return d->fail(QStringLiteral("Table %1: %2").arg(d->tableName(), message));
-            }
+    // A table without a main index has nowhere to keep rows: it gets the
+    // primary key the file names, or the load fails.
+    const bool needsKey = !table->hasMainIndex();
+    if (needsKey) {
+        if (header.keyColumns.isEmpty())
+            return d->fail(QStringLiteral("Table %1 has no primary-key index and the file names "
+                                          "no key columns: its rows would have nowhere to go.")
+                               .arg(d->tableName()));
+        for (const QString &name : qAsConst(header.keyColumns)) {
+            if (layout->columnIndex(name) < 0)
+                return d->fail(QStringLiteral("Table %1 has no primary-key index and lacks the "
+                                              "file's key column '%2'.")
+                                   .arg(d->tableName(), name));
         }
     }
+
+    // Rows without bytes carry nothing that could back their count.
+    const int rowCount = scratch.columnCount() == 0 ? 0 : header.rowCount;
+    const qint64 bytesPerRow = qint64(layout->rowSize()) + 2 * qint64(sizeof(Record));
+    if (rowCount > d->limits.maxRows)
+        return d->fail(
+            QStringLiteral("Table %1: the file holds %2 rows, more than the limit of %3.")
+                .arg(d->tableName())
+                .arg(rowCount)
+                .arg(d->limits.maxRows));
+    if (rowCount * bytesPerRow > d->limits.maxBytes)
+        return d->fail(
+            QStringLiteral("Table %1: the file's %2 rows need %3 bytes, more than the limit of %4.")
+                .arg(d->tableName())
+                .arg(rowCount)
+                .arg(rowCount * bytesPerRow)
+                .arg(d->limits.maxBytes));
 
     QList<FieldDefConvertor *> conversions;
     ConvertorsGuard conversionsGuard { conversions };
     try {
-        make_fromDefs(conversions, &scratch, convertors);
+        makeConvertors(conversions, layout, &scratch, convertors);
     } catch (const Exception &e) {
         d->fail(QStringLiteral("Table %1: %2").arg(d->tableName(), e.message));
         throw;
     }
 
-    RowGuard source { &scratch, scratch.allocRow() };
-    if (!source.row)
-        throw std::bad_alloc();
-
     const bool report = !FilterProgressTrue::isDefault(progress);
-    // Same layout: stored rows go straight into the table's rows.
-    const bool inPlace = copiesEveryColumnInPlace(conversions, table, &scratch);
+    // Same layout: stored rows go straight into the new rows.
+    const bool inPlace = copiesEveryColumnInPlace(conversions, layout, &scratch);
     const QList<const TableColumnDef *> &fileColumns = scratch.fieldDefs();
     const int scratchRowLength = scratch.rowLength();
-    const QList<const TableColumnDef *> &tableColumns = table->fieldDefs();
-    const int tableRowLength = table->rowLength();
-    // Rows without bytes carry nothing that could back their count.
-    const int rowCount = scratch.columnCount() == 0 ? 0 : header.rowCount;
-    StoredRowReader reader(stream, header.rowLength + header.flagBytes, rowCount);
-    QList<Record> batch;
-    batch.reserve(BatchSize);
+    const QList<const TableColumnDef *> &layoutColumns = layout->fieldDefs();
+    const int layoutRowLength = layout->rowLength();
+    const qint64 allocationBudget = testingAllocationBudget.load();
+    std::vector<Record> staged;
     int loaded = 0;
-    for (; loaded < rowCount; ++loaded) {
-        if (report)
-            progress(loaded, rowCount);
-        const unsigned char *stored = reader.next();
-        if (!stored)
-            break;
-        unsigned char *row = table->allocRow();
-        if (!row)
+    try {
+        RowGuard source { &scratch, scratch.allocRow() };
+        if (!source.row)
             throw std::bad_alloc();
-        if (inPlace) {
-            unpackRow(stored, tableColumns, tableRowLength, header.flagBytes, row);
-        } else {
-            unpackRow(stored, fileColumns, scratchRowLength, header.flagBytes, source.row);
-            convertDefs(conversions, row, source.row);
+        StoredRowReader reader(stream, header.rowLength + header.flagBytes, rowCount);
+        for (; loaded < rowCount; ++loaded) {
+            if (report)
+                progress(loaded, rowCount);
+            const unsigned char *stored = reader.next();
+            if (!stored)
+                break;
+            if (allocationBudget >= 0 && qint64(staged.size()) >= allocationBudget)
+                throw std::bad_alloc();
+            unsigned char *row = layout->allocRow();
+            if (!row)
+                throw std::bad_alloc();
+            if (inPlace) {
+                unpackRow(stored, layoutColumns, layoutRowLength, header.flagBytes, row);
+            } else {
+                unpackRow(stored, fileColumns, scratchRowLength, header.flagBytes, source.row);
+                convertDefs(conversions, row, source.row);
+            }
+            Record record(row);
+            if (report && !progress.filter(record))
+                continue;
+            staged.push_back(record);
         }
-        Record record(row);
-        if (report && !progress.filter(record))
-            continue;
-        if (batch.size() >= BatchSize) {
-            table->appendList(batch);
-            batch.clear();
-            batch.reserve(BatchSize);
-        }
-        batch.append(record);
+    } catch (const std::bad_alloc &) {
+        return d->fail(QStringLiteral("Table %1: out of memory after %2 of %3 rows; the table "
+                                      "is left as it was.")
+                           .arg(d->tableName())
+                           .arg(loaded)
+                           .arg(rowCount));
     }
-    if (!batch.isEmpty())
-        table->appendList(batch);
+    if (loaded < rowCount)
+        return d->fail(QStringLiteral("Table %1: the data ends after %2 of %3 rows.")
+                           .arg(d->tableName())
+                           .arg(loaded)
+                           .arg(rowCount));
+    if (dataEnded && !dataEnded())
+        return false;
 
     int failures = 0;
     for (const FieldDefConvertor *conversion : qAsConst(conversions))
@@ -654,11 +825,42 @@ bool TableIO::read(FilterProgress &progress, QDataStream &stream, bool addColumn
     if (failures > 0)
         qWarning("TableIO: table %s: %d values could not be converted and were loaded as null",
                  qPrintable(d->tableName()), failures);
-    if (loaded < rowCount)
-        return d->fail(QStringLiteral("Table %1: the data ends after %2 of %3 rows.")
-                           .arg(d->tableName())
-                           .arg(loaded)
-                           .arg(rowCount));
+
+    // --- commit: the rows replace the table's ---
+    TableIndexRebuilder rebuilder(table);
+    const TableUpdateBracket bracket(table);
+    if (!added.isEmpty()) {
+        table->addColumns(added);
+        // The staged blocks have the table's new layout: they become its rows.
+        for (const Record &record : staged)
+            RowLayout::setOwner(record.row(), table);
+    }
+    if (needsKey)
+        table->setMasterIndex(new MasterIndex_Column_Pure(table, header.keyColumns));
+    QList<Record> previous;
+    try {
+        previous = rowsOfMasterIndex(table);
+        table->clear();
+        QList<Record> batch;
+        batch.reserve(BatchSize);
+        for (Record &record : staged) {
+            batch.append(record);
+            record = Record();
+            if (batch.size() >= BatchSize) {
+                table->appendList(batch);
+                batch.clear();
+            }
+        }
+        if (!batch.isEmpty())
+            table->appendList(batch);
+    } catch (const std::bad_alloc &) {
+        staged.clear();
+        table->clear();
+        table->appendList(previous);
+        return d->fail(QStringLiteral("Table %1: out of memory while taking the loaded rows; the "
+                                      "table keeps its previous rows.")
+                           .arg(d->tableName()));
+    }
     return true;
 }
 
@@ -683,7 +885,16 @@ bool TableIO::read(FilterProgress &progress, const QDir &dir, bool addColumns)
     if (plain.open(QIODevice::ReadOnly)) {
         FileContext context(d->file, plainPath);
         QDataStream stream(&plain);
-        return read(progress, stream, addColumns, Convertors());
+        // The rows must end exactly where the file does: a header whose counts
+        // were lowered would otherwise load rows read at the wrong offsets.
+        const auto dataEnded = [&]() {
+            return plain.atEnd()
+                || d->fail(QStringLiteral("Table %1: %2 bytes follow the last row; the header "
+                                          "does not describe the data.")
+                               .arg(d->tableName())
+                               .arg(plain.size() - plain.pos()));
+        };
+        return load(progress, stream, addColumns, Convertors(), dataEnded);
     }
     const QString gzipPath = compressedFileName(dir);
     QFile gzip(gzipPath);
@@ -696,17 +907,24 @@ bool TableIO::read(FilterProgress &progress, const QDir &dir, bool addColumns)
     if (!decompressor.open(QIODevice::ReadOnly))
         return d->fail(decompressor.errorString());
     QDataStream stream(&decompressor);
-    if (!read(progress, stream, addColumns, Convertors())) {
-        if (hasDeviceError(decompressor))
-            d->error += QStringLiteral(" (%1)").arg(decompressor.errorString());
-        return false;
-    }
-    // The gzip trailer's checksum is verified only when the end of the
-    // compressed stream is read: ask for one more byte.
-    char probe;
-    if (decompressor.read(&probe, 1) < 0)
-        return d->fail(decompressor.errorString());
-    return true;
+    // The gzip trailer (CRC and length) is checked only when the end of the
+    // compressed stream is read: ask for one more byte, which must not exist.
+    const auto dataEnded = [&]() {
+        char probe;
+        const qint64 extra = decompressor.read(&probe, 1);
+        if (extra < 0)
+            return d->fail(decompressor.errorString());
+        if (extra > 0)
+            return d->fail(QStringLiteral("Table %1: data follows the last row; the header does "
+                                          "not describe the data.")
+                               .arg(d->tableName()));
+        if (decompressor.hasTrailingData())
+            return d->fail(QStringLiteral("Table %1: the file goes on after the compressed data.")
+                               .arg(d->tableName()));
+        return true;
+    };
+    const DecompressorContext named(d->decompressor, &decompressor);
+    return load(progress, stream, addColumns, Convertors(), dataEnded);
 }
 
 bool TableIO::read(const QDir &dir, bool addColumns)
@@ -818,9 +1036,15 @@ bool TableIO::readRowList(FilterProgress &progress, QDataStream &stream,
 void TableIO::make_fromDefs(QList<FieldDefConvertor *> &list, const Table *scratch,
                             const Convertors &convertors)
 {
+    makeConvertors(list, d->table, scratch, convertors);
+}
+
+void TableIO::makeConvertors(QList<FieldDefConvertor *> &list, const Table *targetTable,
+                             const Table *scratch, const Convertors &convertors)
+{
     QList<FieldDefConvertor *> made;
     try {
-        for (const TableColumnDef *target : d->table->fieldDefs()) {
+        for (const TableColumnDef *target : targetTable->fieldDefs()) {
             const TableColumnDef *source = nullptr;
             const FieldDefConvertor *prototype = nullptr;
             bool ruled = false;

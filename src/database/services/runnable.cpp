@@ -104,6 +104,39 @@ private:
 };
 } // namespace
 
+// The wrappers of one manager that exist: the pool deletes a wrapper (and its
+// payload) only after it has left the running list, so the manager's
+// destructor waits here for the count to reach zero.
+class RunnableTracker
+{
+public:
+    void started()
+    {
+        MutexGuard guard(mutex);
+        ++live;
+    }
+    void gone()
+    {
+        MutexGuard guard(mutex);
+        if (--live == 0)
+            allGone.wakeAll();
+    }
+    void waitUntilAllGone()
+    {
+        MutexGuard guard(mutex);
+        while (live > 0) {
+            syncReleasing(&mutex);
+            allGone.wait(&mutex);
+            syncAcquired(&mutex);
+        }
+    }
+
+private:
+    QMutex mutex;
+    QWaitCondition allGone;
+    int live = 0;
+};
+
 Runnable::Runnable()
     : m_mayRun(true)
 {
@@ -136,6 +169,8 @@ RunnableWrapper::RunnableWrapper(Runnable *payload, RunnableManager *manager, QL
 RunnableWrapper::~RunnableWrapper()
 {
     delete m_payload;
+    if (m_tracker)
+        m_tracker->gone();
 }
 
 Runnable *RunnableWrapper::payload() const
@@ -166,12 +201,16 @@ void RunnableWrapper::wait()
 
 RunnableManager::RunnableManager(QObject *parent)
     : QObject(parent)
+    , m_tracker(QSharedPointer<RunnableTracker>::create())
 {
 }
 
 RunnableManager::~RunnableManager()
 {
     stopRunnables(true);
+    // Off the list is not yet deleted: the pool deletes the wrapper, and with
+    // it the payload, only after run() has returned.
+    m_tracker->waitUntilAllGone();
 }
 
 void *RunnableManager::startRunnable(Runnable *task, QThreadPool *pool, int priority)
@@ -186,6 +225,8 @@ void *RunnableManager::startRunnable(Runnable *task, QThreadPool *pool, int prio
         return nullptr;
     }
     auto *wrapper = new RunnableWrapper(task, this, &m_running, &m_lock);
+    wrapper->m_tracker = m_tracker;
+    m_tracker->started();
     {
         WriteGuard guard(m_lock);
         m_running.append(wrapper);

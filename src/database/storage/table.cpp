@@ -10,7 +10,7 @@
 #include <database/record.h>
 
 #include <QDebug>
-#include <QThread>
+#include <QSet>
 
 #include <algorithm>
 #include <cstring>
@@ -251,35 +251,42 @@ void Table::addColumn(const QString &name, const FieldDef &fieldDef, bool nullab
 
 void Table::addColumn(const TableColumnDef &source)
 {
-    if (source.name.isEmpty())
-        throw QString(QStringLiteral("Column name can't be empty."));
-    for (const TableColumnDef *existing : qAsConst(d->columns)) {
-        if (existing->name.compare(source.name, Qt::CaseInsensitive) == 0)
+    addColumns(QList<TableColumnDef>() << source);
+}
+
+void Table::addColumns(const QList<TableColumnDef> &sources)
+{
+    // Every definition is checked before anything changes. The names are
+    // looked up in the lower-cased name cache, so adding n columns costs O(n).
+    QSet<QString> batchNames;
+    QVector<int> sizes;
+    sizes.reserve(sources.size());
+    qint64 newRowLength = d->rowLength;
+    for (const TableColumnDef &source : sources) {
+        if (source.name.isEmpty())
+            throw QString(QStringLiteral("Column name can't be empty."));
+        const QString key = source.name.toLower();
+        if (d->cacheColumn.contains(key) || batchNames.contains(key))
             throw QString(QStringLiteral("Column '%1' already exists for table '%2'.")
                               .arg(source.name, d->name));
+        batchNames.insert(key);
+        if (source.type == FieldType::VarChar && source.length < 0)
+            throw QString(QStringLiteral("Length of string %1 is negative.").arg(source.length));
+        const int size = FieldType::typeLength(source.type, source.length);
+        sizes.append(size);
+        newRowLength += roundUp8(size);
     }
-
-    auto *def = new TableColumnDef(this);
-    def->type = source.type;
-    def->length = source.length;
-    def->name = source.name;
-    def->description = source.description;
-    def->title = source.title;
-    def->auxFlag = source.auxFlag;
-    def->nullable = source.nullable;
-    def->offset = d->rowLength;
-    try {
-        def->size = FieldType::typeLength(def->type, def->length);
-    } catch (...) {
-        delete def;
-        throw;
-    }
-
     const int oldColumnCount = d->columns.size();
+    const int newColumnCount = oldColumnCount + sources.size();
+    if (RowLayout::HeaderSize + newRowLength + flagBytes(newColumnCount) > MaxRowSize)
+        throw QString(QStringLiteral("Rows of table '%1' would exceed %2 bytes.")
+                          .arg(d->name)
+                          .arg(MaxRowSize));
+    if (sources.isEmpty())
+        return;
+
     const int oldRowLength = d->rowLength;
-    const int cellLength = roundUp8(def->size);
-    const int newRowLength = oldRowLength + cellLength;
-    const int newRowSize = RowLayout::HeaderSize + newRowLength + flagBytes(oldColumnCount + 1);
+    const int newRowSize = RowLayout::HeaderSize + int(newRowLength) + flagBytes(newColumnCount);
 
     // The listed indexes are built again at the end; emptied now, none of them
     // keeps a handle to a block that the re-laying may move.
@@ -298,29 +305,47 @@ void Table::addColumn(const TableColumnDef &source)
             qReallocAligned(row, size_t(newRowSize), size_t(d->rowSize), 8));
         if (!row)
             qFatal("Table::addColumn: out of memory while re-laying rows");
-        unsigned char *flags = RowLayout::flagArea(row, newRowLength);
-        std::memmove(flags, RowLayout::flagArea(row, oldRowLength),
-                     size_t(flagBytes(oldColumnCount)));
-        if (flagBytes(oldColumnCount + 1) > flagBytes(oldColumnCount))
-            flags[flagBytes(oldColumnCount)] = 0;
-        std::memset(RowLayout::dataArea(row) + oldRowLength, 0, size_t(cellLength));
-        if (def->nullable)
-            flags[oldColumnCount / 8] &= quint8(~(1u << (oldColumnCount % 8)));
+        const int oldFlagBytes = flagBytes(oldColumnCount);
+        unsigned char *flags = RowLayout::flagArea(row, int(newRowLength));
+        std::memmove(flags, RowLayout::flagArea(row, oldRowLength), size_t(oldFlagBytes));
+        std::memset(flags + oldFlagBytes, 0, size_t(flagBytes(newColumnCount) - oldFlagBytes));
+        std::memset(RowLayout::dataArea(row) + oldRowLength, 0,
+                    size_t(newRowLength - oldRowLength));
+        for (int i = 0; i < sources.size(); ++i) {
+            const int column = oldColumnCount + i;
+            if (sources.at(i).nullable)
+                flags[column / 8] &= quint8(~(1u << (column % 8)));
+        }
         const int zero = 0;
         std::memcpy(row, &zero, sizeof(zero));
         blocks.append(row);
     }
     rows.clear();
 
-    d->cacheColumn.insert(def->name.toLower(), oldColumnCount);
-    d->columns.append(def);
-    d->readOnlyColumns.append(def);
+    int offset = oldRowLength;
+    for (int i = 0; i < sources.size(); ++i) {
+        const TableColumnDef &source = sources.at(i);
+        auto *def = new TableColumnDef(this);
+        def->type = source.type;
+        def->length = source.length;
+        def->name = source.name;
+        def->description = source.description;
+        def->title = source.title;
+        def->auxFlag = source.auxFlag;
+        def->nullable = source.nullable;
+        def->offset = offset;
+        def->size = sizes.at(i);
+        offset += roundUp8(def->size);
+        d->cacheColumn.insert(def->name.toLower(), d->columns.size());
+        d->columns.append(def);
+        d->readOnlyColumns.append(def);
+    }
     d->rowSize = newRowSize;
-    d->rowLength = newRowLength;
+    d->rowLength = int(newRowLength);
     for (int i = 0; i < d->columns.size(); ++i) {
         TableColumnDef *column = d->columns.at(i);
         column->index = i;
-        column->flagOffset = newRowLength + i / 8;
+        column->flagOffset = int(newRowLength) + i / 8;
         column->flagMask = quint8(1u << (i % 8));
     }
 
@@ -334,6 +359,11 @@ void Table::addColumn(const TableColumnDef &source)
 // setMasterIndex(), takeMainRows() and rowCount() need the master index's
 // concrete type: they are defined with it (indexes/tablemaster.cpp), so this
 // layer knows indexes only through the Index interface.
+
+bool Table::hasMainIndex() const
+{
+    return d->main != nullptr;
+}
 
 void Table::restoreMainRows(const QList<Record> &rows)
 {
@@ -516,16 +546,18 @@ int Table::updateDepth() const
 
 void Table::beginUpdate()
 {
+    // The lock comes first: a bracket of another thread makes this one wait
+    // here, before it counts, so the depth belongs to one thread at a time.
+    // Every beginUpdate() holds one level of the recursive lock until its
+    // endUpdate().
+    lock();
+    ++d->bracketLocks;
     if (d->updateDepth.fetchAndAddOrdered(1) >= 1)
         return;
 
     const QList<Index *> dependents = d->dependents;
     for (Index *index : dependents)
         index->dependentBeginUpdate(this);
-
-    lock();
-    if (d->bracketLocks++ == 0)
-        d->bracketOwner.store(QThread::currentThreadId());
 
     if (d->main)
         d->main->beginUpdate();
@@ -536,16 +568,20 @@ void Table::beginUpdate()
 
 void Table::endUpdate()
 {
-    int before = d->updateDepth.loadAcquire();
-    while (!d->updateDepth.testAndSetOrdered(before, before - 1))
-        before = d->updateDepth.loadAcquire();
-    if (before >= 2)
+    // Taken for the bookkeeping; free for the thread whose bracket this ends.
+    lock();
+    // Under the lock, an open bracket can only be this thread's.
+    const bool paired = d->bracketLocks > 0;
+    if (paired)
+        --d->bracketLocks;
+    const int before = d->updateDepth.fetchAndSubOrdered(1);
+    if (before >= 2) {
+        unlock();
+        if (paired)
+            unlock();
         return;
-
-    // A bracket of this thread took the lock exactly when this thread is the
-    // recorded owner; anything else is an endUpdate() without its beginUpdate().
-    const bool ownsBracketLock = d->bracketOwner.load() == QThread::currentThreadId();
-    if (before <= 0 || !ownsBracketLock)
+    }
+    if (before <= 0 || !paired)
         qWarning("Table::endUpdate: no update bracket is open on table '%s'", qPrintable(d->name));
 
     if (d->main)
@@ -554,11 +590,9 @@ void Table::endUpdate()
     for (Index *index : indexes)
         index->endUpdate();
 
-    if (ownsBracketLock) {
-        if (--d->bracketLocks == 0)
-            d->bracketOwner.store(nullptr);
+    unlock();
+    if (paired)
         unlock();
-    }
 
     const QList<Index *> dependents = d->dependents;
     for (Index *index : dependents)

@@ -12,8 +12,6 @@
 #include <QMap>
 #include <QRecursiveMutex>
 
-#include <atomic>
-
 class TablePrivate
 {
 public:
@@ -40,10 +38,9 @@ public:
     QHash<QString, int> cacheColumn;
     mutable QRecursiveMutex mutex;
     QAtomicInt updateDepth;
-    // Locks taken by outermost brackets and not yet released, and the thread
-    // that holds them. Written only by that thread, under the lock.
+    // Brackets open on the thread that holds the lock (one lock level each);
+    // read and written only under the lock.
     int bracketLocks = 0;
-    std::atomic<Qt::HANDLE> bracketOwner { nullptr };
 };
 
 #endif // DATABASE_TABLE_P_H

@@ -86,21 +86,26 @@ ParseResult parseExact(QStringView text)
     const QStringView intDigits = text.mid(intStart, i - intStart);
 
     if (i == n) {
-        // An integer: anything a 64-bit integer holds is accepted and brought
-        // into the mantissa's range by dropping low digits.
+        // A whole number of any length: the leading digits that fit the
+        // mantissa are kept and each further digit lowers the scale by one
+        // (truncating). toString() writes large values as whole numbers with
+        // trailing zeros, so every text it makes reads back to an equal value.
         if (intDigits.isEmpty())
             return r;
         quint64 magnitude = 0;
-        const quint64 limit = negative ? quint64(1) << 63 : (quint64(1) << 63) - 1;
-        if (!accumulate(intDigits, limit, &magnitude)) {
-            r.status = ParseResult::Unrepresentable;
-            r.detail = text.toString();
-            return r;
-        }
         int scale = 0;
-        while (magnitude >= Limit) {
-            magnitude /= 10;
-            --scale;
+        for (QChar c : intDigits) {
+            const quint64 d = quint64(c.unicode() - '0');
+            // magnitude < 2^56, so the product cannot overflow.
+            if (scale == 0 && magnitude * 10 + d < Limit) {
+                magnitude = magnitude * 10 + d;
+                continue;
+            }
+            if (--scale < decimal::MinScale) {
+                r.status = ParseResult::Unrepresentable;
+                r.detail = text.toString();
+                return r;
+            }
         }
         r.status = ParseResult::Ok;
         r.mantissa = negative ? -qint64(magnitude) : qint64(magnitude);

@@ -29,6 +29,9 @@ int FieldType::typeLength(int type, int length)
     case VarChar:
         if (length == 0)
             throw QString(QStringLiteral("Length of string can't be zero"));
+        if (length > MaxStringLength)
+            throw QString(
+                QStringLiteral("Length of string %1 exceeds %2.").arg(length).arg(MaxStringLength));
         return 2 * length;
     case BoardList:
         return 404;
