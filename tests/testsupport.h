@@ -14,10 +14,11 @@
 #include <QStringList>
 
 #include <chrono>
+#include <condition_variable>
 #include <functional>
-#include <future>
 #include <limits>
 #include <memory>
+#include <mutex>
 #include <thread>
 
 namespace TestSupport {
@@ -95,14 +96,25 @@ inline ProgramRun runProgram(const QString &program, const QStringList &argument
 // blocked, and the test fails instead of hanging until the CTest timeout.
 inline bool lockableElsewhere(const Table &table, int ms = 10000)
 {
-    auto done = std::make_shared<std::promise<void>>();
-    std::future<void> finished = done->get_future();
+    // A mutex and a condition rather than a future: the checker sees the
+    // hand-over through them (the standard library's futex is invisible).
+    struct Done
+    {
+        std::mutex mutex;
+        std::condition_variable condition;
+        bool done = false;
+    };
+    auto done = std::make_shared<Done>();
     std::thread([&table, done] {
         table.lock();
         table.unlock();
-        done->set_value();
+        const std::lock_guard<std::mutex> guard(done->mutex);
+        done->done = true;
+        done->condition.notify_one();
     }).detach();
-    return finished.wait_for(std::chrono::milliseconds(ms)) == std::future_status::ready;
+    std::unique_lock<std::mutex> lock(done->mutex);
+    return done->condition.wait_for(lock, std::chrono::milliseconds(ms),
+                                    [&] { return done->done; });
 }
 
 // An index that holds the rows it is given, counts builds and batches and, with

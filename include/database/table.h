@@ -39,6 +39,11 @@ class TablePrivate;
 //  5. The main index never stands in the index list; it is notified on its own,
 //     at the places stated below. Without a main index those steps are skipped.
 //  6. updateDepth() counts the open change brackets: 0 outside any bracket.
+//  7. Every index in the registries (index list, dependent list, name map,
+//     main index) is alive: a destroyed index leaves them, without signals
+//     (see Index). indexAdded() and indexRemoved() reach receivers only while
+//     the index is whole: an index listed by its own constructor is announced
+//     from the event loop, once complete.
 //
 // Change brackets:
 //
@@ -85,6 +90,8 @@ class TablePrivate;
 // opened from several threads: they take turns. The update depth is changed
 // only under the lock; a nested bracket of the holding thread costs a
 // recursive lock and one increment.
+// TableLocker and TableUpdateBracket (below) hold the lock or a bracket for a
+// scope, so that an exception cannot leave the table locked.
 //
 // Errors of definitions (addColumn) are thrown as a bare QString before anything
 // changes.
