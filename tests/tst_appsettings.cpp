@@ -237,6 +237,25 @@ void tst_AppSettings::changeSignal()
     second.reset("absent"); // nothing to reset: no signal
     QCOMPARE(secondSpy, QList<QVariantList>({ { "theme" }, { "overridden" }, { "theme" } }));
     QCOMPARE(deskSpy, QList<QVariantList>({ { "theme" }, { "grid" }, { "theme" } }));
+
+    // A handle living in another thread hears of the change in its own thread.
+    QThread worker;
+    AppSettings remote(defaults, path("signal-app.json"));
+    remote.moveToThread(&worker);
+    QStringList heard;
+    QThread *heardIn = nullptr;
+    connect(&remote, &AppSettings::valueChanged, &remote, [&](const QString &key) {
+        QMetaObject::invokeMethod(this, [&, key, thread = QThread::currentThread()] {
+            heard << key;
+            heardIn = thread;
+        });
+    });
+    worker.start();
+    first.setValue("font", 14);
+    QTRY_COMPARE(heard, QStringList { "font" });
+    QCOMPARE(heardIn, &worker);
+    worker.quit();
+    QVERIFY(worker.wait());
 }
 
 // A damaged file is moved aside, reported, and the layer below is used until

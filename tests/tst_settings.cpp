@@ -68,6 +68,21 @@ struct Unsaveable
     int x = 0;
 };
 
+// An application type with stream operators, kept through "@Variant(...)".
+struct Streamable
+{
+    qint32 x = 0;
+    bool operator==(const Streamable &other) const { return x == other.x; }
+};
+QDataStream &operator<<(QDataStream &out, const Streamable &value)
+{
+    return out << value.x;
+}
+QDataStream &operator>>(QDataStream &in, Streamable &value)
+{
+    return in >> value.x;
+}
+
 const QString DebugReadError
     = QStringLiteral("QGuiLog/%1: Ошибка при чтении настроек JSON:\n ").arg(QtDebugMsg);
 
@@ -279,6 +294,8 @@ void tst_Settings::deviceErrors()
 // JSON that Python reads with the plain values where they were.
 void tst_Settings::keepsWhatJsonCannotHold()
 {
+    qRegisterMetaTypeStreamOperators<Streamable>("Streamable");
+    QMetaType::registerEqualsComparator<Streamable>();
     QByteArray geometry("\x01\xd9\xd0\xcb\x00\x03\x00\x00\xff\xfe", 10);
     const QSettings::SettingsMap written {
         { "window", 640 },
@@ -308,6 +325,7 @@ void tst_Settings::keepsWhatJsonCannotHold()
         { "color", QColor(10, 20, 30, 40) },
         { "keys", QKeySequence(Qt::CTRL + Qt::Key_S) },
         { "date", QDate(2026, 2, 3) },
+        { "own type", QVariant::fromValue(Streamable { 42 }) },
     };
     const QSettings::SettingsMap read = roundTrip(written);
     QCOMPARE(read.keys(), written.keys());
@@ -498,6 +516,7 @@ void tst_Settings::settingsOwnership()
 }
 
 Q_DECLARE_METATYPE(Unsaveable)
+Q_DECLARE_METATYPE(Streamable)
 
 QTEST_GUILESS_MAIN(tst_Settings)
 #include "tst_settings.moc"
