@@ -44,8 +44,9 @@ class WorkplaceSettingsPrivate;
 // Change signal, data safety and damaged files: as for AppSettings, for the
 // current workplace's file and the application's file below it (a change of
 // the application's file is announced only for keys the workplace does not
-// hold). status() and errorString() report on the workplace's file when no
-// operation failed since the last successful one.
+// hold). After a failed operation status() is AccessError and errorString()
+// says why, until an operation succeeds; otherwise both report on the current
+// workplace's file.
 //
 // Thread-safety: as for AppSettings.
 class DATABASE_EXPORT WorkplaceSettings : public QObject

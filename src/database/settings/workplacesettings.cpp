@@ -113,6 +113,9 @@ WorkplaceSettings::WorkplaceSettings(const AppSettings &app, const QString &fold
     : QObject(parent)
     , d(new WorkplaceSettingsPrivate(app, folder.isEmpty() ? defaultFolder() : folder))
 {
+    // A child, so that it follows this object to another thread; d deletes
+    // it first, which takes it off the children.
+    d->app.setParent(this);
     SettingsHub *hub = SettingsHub::instance();
     connect(hub, &SettingsHub::changed, this, [this](const QString &file, const QString &key) {
         if (d->workplace && file == d->path(d->current))
