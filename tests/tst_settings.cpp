@@ -123,6 +123,8 @@ void tst_Settings::writeNesting_data()
     QTest::newRow("one entry missing makes a list")
         << QVariantMap { { "arr/2/x", 2 }, { "arr/size", 2 } }
         << QByteArray(R"({"arr":[null,{"x":2}]})");
+    QTest::newRow("root array would not read back")
+        << QVariantMap { { "2/x", 2 }, { "size", 2 } } << QByteArray(R"({"2":{"x":2},"size":2})");
     QTest::newRow("huge size stays a value")
         << QVariantMap { { "arr/1/x", 1 }, { "arr/size", 2147483647 } }
         << QByteArray(R"({"arr":{"1":{"x":1},"size":2147483647}})");

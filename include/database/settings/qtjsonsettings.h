@@ -38,7 +38,8 @@ class QIODevice;
 //      n entries stays an object with members "1".."n" and "size". Readers of
 //      existing files depend on this asymmetry; it must not be "fixed". A
 //      group that holds anything besides "size" and entries 1..n stays an
-//      object, so no member is dropped.
+//      object, so no member is dropped, and so does the root when entry 1 is
+//      the missing one (a document that is an array must open with an object).
 //   5. Numbers keep their kind: whole numbers read back as int (or qlonglong
 //      when they do not fit an int), others as double. Integers beyond +-2^53
 //      cannot be held exactly by a JSON number as QtCore writes it, so they

@@ -472,7 +472,10 @@ public:
             QJsonArray array;
             for (const WriteNode *element : qAsConst(elements))
                 array.append(element ? value(*element, depth + 1) : QJsonValue(QJsonValue::Null));
-            return array;
+            // A document that is an array must open with an object to be
+            // read back at all; otherwise the root stays an object.
+            if (depth > 1 || array.first().isObject())
+                return array;
         }
         QJsonObject object;
         const int keyLength = key.size();
