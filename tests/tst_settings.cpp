@@ -4,6 +4,8 @@
 
 #include "testsupport.h"
 
+#include <QColor>
+#include <QKeySequence>
 #include <QtTest>
 
 #include <new>
@@ -34,6 +36,49 @@ QByteArray runPython(const QString &script, const QString &path)
     return python.ok ? python.out.trimmed() : "python failed: " + python.err;
 }
 
+QSettings::SettingsMap readFile(const QString &path)
+{
+    QFile file(path);
+    QSettings::SettingsMap map;
+    if (!file.open(QIODevice::ReadOnly) || !QtJsonSettings::readJsonFile(file, map))
+        map.insert(QStringLiteral("unreadable"), path);
+    return map;
+}
+
+QSettings::SettingsMap roundTrip(const QSettings::SettingsMap &map)
+{
+    QBuffer buffer;
+    buffer.open(QIODevice::WriteOnly);
+    QSettings::SettingsMap read;
+    if (!QtJsonSettings::writeJsonFile(buffer, map))
+        return read;
+    buffer.close();
+    buffer.open(QIODevice::ReadOnly);
+    QtJsonSettings::readJsonFile(buffer, read);
+    return read;
+}
+
+// What an application without any JSON knowledge keeps in its settings.
+struct Unsaveable
+{
+    int x = 0;
+};
+
+// An application type with stream operators, kept through "@Variant(...)".
+struct Streamable
+{
+    qint32 x = 0;
+    bool operator==(const Streamable &other) const { return x == other.x; }
+};
+QDataStream &operator<<(QDataStream &out, const Streamable &value)
+{
+    return out << value.x;
+}
+QDataStream &operator>>(QDataStream &in, Streamable &value)
+{
+    return in >> value.x;
+}
+
 const QString DebugReadError
     = QStringLiteral("QGuiLog/%1: Ошибка при чтении настроек JSON:\n ").arg(QtDebugMsg);
 
@@ -50,6 +95,8 @@ private Q_SLOTS:
     void badFiles_data();
     void badFiles();
     void deviceErrors();
+    void keepsWhatJsonCannotHold();
+    void refusesWhatItCannotKeep();
     void mapSettingsKeepApart();
     void mapSettingsStoreAndRestore();
     void mapSettingsNeverTouchDisk();
@@ -72,6 +119,8 @@ void tst_Settings::writeNesting_data()
     QTest::newRow("one entry missing makes a list")
         << QVariantMap { { "arr/2/x", 2 }, { "arr/size", 2 } }
         << QByteArray(R"({"arr":[null,{"x":2}]})");
+    QTest::newRow("root array would not read back")
+        << QVariantMap { { "2/x", 2 }, { "size", 2 } } << QByteArray(R"({"2":{"x":2},"size":2})");
     QTest::newRow("huge size stays a value")
         << QVariantMap { { "arr/1/x", 1 }, { "arr/size", 2147483647 } }
         << QByteArray(R"({"arr":{"1":{"x":1},"size":2147483647}})");
@@ -172,6 +221,8 @@ void tst_Settings::badFiles_data()
                                   << "too deeply nested document" << 1;
     QTest::newRow("huge file") << QByteArray() << QtJsonSettings::MaxFileSize + 1
                                << "too large document" << 1;
+    QTest::newRow("array of scalars")
+        << QByteArray("[1, 2]") << qint64(0) << "the document is not a settings object" << 1;
 }
 
 void tst_Settings::badFiles()
@@ -193,9 +244,23 @@ void tst_Settings::badFiles()
     QSettings settings(path, QtJsonSettings::JsonFormat);
     QCOMPARE(settings.status(), QSettings::FormatError);
     QVERIFY(settings.allKeys().isEmpty());
+    // The damaged file is moved aside untouched before anything can write.
+    const QString aside = QtJsonSettings::damagedCopy(path);
+    QVERIFY(aside.startsWith(path + QStringLiteral(".damaged-")));
     QCOMPARE(logged,
-             QStringList(DebugReadError + path
-                         + QStringLiteral(" \n%1 в строке %2").arg(error).arg(line)));
+             QStringList(
+                 { DebugReadError + path + QStringLiteral(" \n%1 в строке %2").arg(error).arg(line),
+                   QStringLiteral("QGuiLog/%1: Повреждённый файл настроек %2 сохранён как %3")
+                       .arg(QtWarningMsg)
+                       .arg(path, aside) }));
+    settings.setValue("new", 1);
+    settings.sync();
+    QFile moved(aside);
+    QVERIFY(moved.open(QIODevice::ReadOnly));
+    QCOMPARE(moved.size(), sparseSize ? sparseSize : content.size());
+    if (!sparseSize)
+        QCOMPARE(moved.readAll(), content);
+    QCOMPARE(readFile(path), QSettings::SettingsMap({ { "new", 1 } }));
 }
 
 void tst_Settings::deviceErrors()
@@ -221,6 +286,106 @@ void tst_Settings::deviceErrors()
     const QString deepKey = QString("k/").repeated(QtJsonSettings::MaxDepth) + "k";
     QVERIFY(!QtJsonSettings::writeJsonFile(out, { { deepKey, 1 } }));
     QVERIFY(out.data().isEmpty());
+}
+
+// Every value comes back with its type and value, and the file stays plain
+// JSON that Python reads with the plain values where they were.
+void tst_Settings::keepsWhatJsonCannotHold()
+{
+    qRegisterMetaTypeStreamOperators<Streamable>("Streamable");
+    QMetaType::registerEqualsComparator<Streamable>();
+    QByteArray geometry("\x01\xd9\xd0\xcb\x00\x03\x00\x00\xff\xfe", 10);
+    const QSettings::SettingsMap written {
+        { "window", 640 },
+        { "window/height", 480 },
+        { "window/geometry", geometry },
+        { "window/rect", QRect(-5, 10, 800, 600) },
+        { "window/size", QSize(3, 4) },
+        { "window/pos", QPoint(-1, 2) },
+        { "columns", QStringList { "bid", "ask" } },
+        { "one column", QStringList { "@bid" } },
+        { "nan", std::numeric_limits<double>::quiet_NaN() },
+        { "inf", std::numeric_limits<double>::infinity() },
+        { "ninf", -std::numeric_limits<double>::infinity() },
+        { "hash", QVariantHash { { "a", 1 }, { "b", QByteArray("\0", 1) } } },
+        { "@Map_plain", 1 },
+        { "@Map_group/a", 2 },
+        { "@@x", "@" },
+        { "text", "@ByteArray(AA==)" },
+        { "rows", QVariantList { QVariantMap { { "a", 1 } }, 2 } },
+        { "arr/2/x", 2 },
+        { "arr/size", 2 },
+        { "arr/zzz", 3 },
+        { "local", QDateTime(QDate(2026, 11, 23), QTime(10, 1, 2, 345)) },
+        { "utc", QDateTime(QDate(2026, 1, 1), QTime(0, 0), Qt::UTC) },
+        { "offset", QDateTime(QDate(2026, 1, 1), QTime(0, 0), Qt::OffsetFromUTC, 3 * 3600) },
+        { "nodate", QDateTime() },
+        { "color", QColor(10, 20, 30, 40) },
+        { "keys", QKeySequence(Qt::CTRL + Qt::Key_S) },
+        { "date", QDate(2026, 2, 3) },
+        { "own type", QVariant::fromValue(Streamable { 42 }) },
+    };
+    const QSettings::SettingsMap read = roundTrip(written);
+    QCOMPARE(read.keys(), written.keys());
+    for (auto it = written.constBegin(); it != written.constEnd(); ++it) {
+        const QVariant back = read.value(it.key());
+        QCOMPARE(back.userType(), it.value().userType());
+        if (it.value().userType() == QMetaType::Double)
+            QCOMPARE(QString::number(back.toDouble()), QString::number(it.value().toDouble()));
+        else
+            QCOMPARE(back, it.value());
+        if (it.value().userType() == QMetaType::QDateTime)
+            QCOMPARE(back.toDateTime().timeSpec(), it.value().toDateTime().timeSpec());
+    }
+
+    if (QStandardPaths::findExecutable(QStringLiteral("python3")).isEmpty())
+        QSKIP("python3 is not installed");
+    const QString path = dir.filePath(QStringLiteral("qt-types.json"));
+    {
+        QSettings settings(path, QtJsonSettings::JsonFormat);
+        for (auto it = written.constBegin(); it != written.constEnd(); ++it)
+            settings.setValue(it.key(), it.value());
+        settings.sync();
+        QCOMPARE(settings.status(), QSettings::NoError);
+    }
+    QCOMPARE(runPython("import json,sys; d = json.load(open(sys.argv[1])); w = d['window']; "
+                       "print(w[''], w['height'], w['rect'], d['columns'], d['@@Map_plain'], "
+                       "d['@@Map_group'], d['@@@x'], d['text'], d['nan'], d['arr'], "
+                       "d['utc'], sorted(d['@Hash_hash']))",
+                       path),
+             QByteArray("640 480 @Rect(-5 10 800 600) ['bid', 'ask'] 1 {'a': 2} @@ "
+                        "@@ByteArray(AA==) @Double(nan) {'2': {'x': 2}, 'size': 2, 'zzz': 3} "
+                        "@DateTime(2026-01-01T00:00:00.000Z) ['a', 'b']"));
+}
+
+// A value no reader could rebuild fails the save loudly and keeps the old file;
+// a tag that does not decode reads back as its text.
+void tst_Settings::refusesWhatItCannotKeep()
+{
+    const QString path = dir.filePath(QStringLiteral("refused.json"));
+    {
+        QSettings settings(path, QtJsonSettings::JsonFormat);
+        settings.setValue("kept", 1);
+        settings.sync();
+        settings.setValue("custom", QVariant::fromValue(Unsaveable()));
+        Capture capture;
+        settings.sync();
+        QCOMPARE(settings.status(), QSettings::AccessError);
+        QVERIFY2(logged.first().contains("custom (Unsaveable)"), qPrintable(logged.first()));
+    }
+    QCOMPARE(readFile(path), QSettings::SettingsMap({ { "kept", 1 } }));
+
+    QBuffer buffer;
+    buffer.setData(
+        R"j({"a": "@Variant(!!)", "b": "@Rect(1 2)", "c": "@Nope(1)", "d": "@Size(1 2"})j");
+    buffer.open(QIODevice::ReadOnly);
+    QSettings::SettingsMap map;
+    QVERIFY(QtJsonSettings::readJsonFile(buffer, map));
+    QCOMPARE(map,
+             QSettings::SettingsMap({ { "a", "@Variant(!!)" },
+                                      { "b", "@Rect(1 2)" },
+                                      { "c", "@Nope(1)" },
+                                      { "d", "@Size(1 2" } }));
 }
 
 void tst_Settings::mapSettingsKeepApart()
@@ -347,6 +512,9 @@ void tst_Settings::settingsOwnership()
     QTest::ignoreMessage(QtWarningMsg, "Settings::value: no QSettings object behind this handle");
     QCOMPARE(handle.value("x", 7), QVariant(7));
 }
+
+Q_DECLARE_METATYPE(Unsaveable)
+Q_DECLARE_METATYPE(Streamable)
 
 QTEST_GUILESS_MAIN(tst_Settings)
 #include "tst_settings.moc"

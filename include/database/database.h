@@ -34,9 +34,12 @@
 #include <database/record.h>
 #include <database/recordstrans.h>
 #include <database/runnable.h>
+#include <database/settings/appsettings.h>
+#include <database/settings/defaultsettings.h>
 #include <database/settings/mapsettings.h>
 #include <database/settings/qtjsonsettings.h>
 #include <database/settings/settings.h>
+#include <database/settings/workplacesettings.h>
 #include <database/table.h>
 #include <database/tableio.h>
 #include <database/tablerebuilder.h>

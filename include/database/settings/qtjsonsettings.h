@@ -36,27 +36,80 @@ class QIODevice;
 //      a JSON array of the group's entries 1..n only when exactly one of those
 //      entries is missing (the missing one becomes null); a group holding all
 //      n entries stays an object with members "1".."n" and "size". Readers of
-//      existing files depend on this asymmetry; it must not be "fixed".
+//      existing files depend on this asymmetry; it must not be "fixed". A
+//      group that holds anything besides "size" and entries 1..n stays an
+//      object, so no member is dropped, and so does the root when entry 1 is
+//      the missing one (a document that is an array must open with an object).
 //   5. Numbers keep their kind: whole numbers read back as int (or qlonglong
 //      when they do not fit an int), others as double. Integers beyond +-2^53
 //      cannot be held exactly by a JSON number as QtCore writes it, so they
 //      are written as decimal text and read back as QString (toLongLong()
 //      recovers the exact value) rather than silently rounded.
-//   6. null reads back as an invalid QVariant; values that JSON cannot hold
-//      (byte arrays, dates) are written as QJsonValue::fromVariant makes them,
-//      mostly as text, and read back as QString.
-//   7. Empty keys are skipped on writing; an empty settings map is written as
-//      an empty object, "{}", which reads back as an empty map.
+//   6. null reads back as an invalid QVariant. A JSON array of strings (not
+//      empty) reads back as a QStringList, any other array as a QVariantList
+//      (so a QVariantList of strings only comes back as a QStringList, and
+//      an empty QStringList as an empty QVariantList; both convert).
+//   7. Empty keys and empty segments ("a//b") are skipped on writing, as
+//      QSettings does; an empty settings map is written as "{}".
+//   8. A key that is both a value and a group ("window" = 640 beside
+//      "window/height") keeps its own value as the group's member "" (no
+//      settings key has an empty segment, so the name is free):
+//      {"window": {"": 640, "height": 480}}.
+//   9. Member names that begin with "@" are the format's markers: "@Map_x"
+//      (a map value, rule 2), "@Hash_x" (a QVariantHash value, read back as
+//      one), "@List_x" (a list value whose first element is a map or hash,
+//      which rule 3 would otherwise read as a settings array). A key segment
+//      of the user's that begins with "@" is written with a second "@" in
+//      front ("@@Map_x") and read back without it.
+//  10. Values JSON cannot hold are written as tagged strings, "@Tag(text)";
+//      a string of the user's that begins with "@" gets a second "@" in front
+//      ("@@home" reads back as "@home"), so plain strings stay plain:
+//        QByteArray             "@ByteArray(<base64>)"
+//        QRect, QSize, QPoint   "@Rect(x y w h)", "@Size(w h)", "@Point(x y)"
+//        QDateTime              "@DateTime(<ISO 8601 with ms>)" for local
+//                               time, UTC and fixed offsets; "@DateTime()"
+//                               for a null date-time
+//        NaN and infinities     "@Double(nan)", "@Double(inf)", "@Double(-inf)"
+//        other types            "@Variant(<base64 of QVariant's QDataStream
+//                               form, Qt 5.15>)", as Qt's INI format does:
+//                               QColor, QKeySequence and QFont (their stream
+//                               operators come with QtGui, which any process
+//                               using this library loads, so the library's
+//                               interface needs no QtGui), QDate, QTime, a
+//                               QDateTime with a named time zone, QRectF,
+//                               QSizeF, QPointF, QLine(F), QUrl, QUuid, QChar,
+//                               and the application's own types registered
+//                               with stream operators.
+//      Tags are decoded inside map and list values too. A tag that does not
+//      decode (damaged text, a type this process does not know) reads back as
+//      its text, so nothing read is dropped. Other Qt types (images,
+//      polygons, regions...) are refused: their stream form lets a short text
+//      claim gigabytes on reading. QtCore's QJson* values are written as the
+//      plain JSON they hold and read back as plain values; a hash nested in a
+//      map or list value reads back as a map.
+//
+// Nothing is dropped silently on writing: a value the format cannot keep (a
+// refused type, a type without stream operators) fails the whole write with a
+// warning naming the keys, so QSettings reports AccessError and the old file
+// stays.
 //
 // Errors: a document that does not parse (bad syntax, not JSON, nesting deeper
-// than QtCore's parser allows, or larger than MaxFileSize) leaves the map
-// empty, is logged as a debug message of category "QGuiLog" in Russian with
-// the file name, the parser's error text and the line, and makes readJsonFile
-// return false, which QSettings reports as QSettings::FormatError. Note that
+// than QtCore's parser allows, or larger than MaxFileSize) or has the wrong
+// shape (not an object, nor an array of objects) leaves the map empty, is
+// logged as a debug message of category "QGuiLog" in Russian with the file
+// name, the parser's error text and the line, and makes readJsonFile return
+// false, which QSettings reports as QSettings::FormatError. Note that
 // QSettings never calls the read function for an empty or missing file: such
 // a file is an empty settings file, not an error. A failed write is logged as
 // a warning of category "QGuiLog" and returns false (QSettings then reports
 // QSettings::AccessError and leaves the old file in place).
+//
+// A damaged file is never overwritten: when the device that failed to read is
+// a file on disk (as QSettings hands over), readJsonFile renames it to
+// "<name>.damaged-<yyyyMMdd-HHmmss>" (local time; "-2", "-3"... when taken)
+// and logs a warning naming both files; damagedCopy() tells the new name.
+// QSettings then holds no keys for the file, and its next write creates a
+// fresh file. Files in Qt resources and other devices are only reported.
 //
 // Thread-safety: the functions keep no state between calls and may run on any
 // thread, as QSettings calls them on the thread that reads or syncs.
@@ -76,6 +129,10 @@ public:
 
     static bool readJsonFile(QIODevice &device, SettingsMap &map);
     static bool writeJsonFile(QIODevice &device, const SettingsMap &map);
+
+    // The name a damaged settings file was last moved to in this process, or
+    // an empty string when it never was.
+    static QString damagedCopy(const QString &fileName);
 
     // Value of the "json" format, set while the library loads.
     static QSettings::Format JsonFormat;
