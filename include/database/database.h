@@ -38,6 +38,7 @@
 #include <database/settings/settings.h>
 #include <database/table.h>
 #include <database/tableio.h>
+#include <database/tablejoin.h>
 #include <database/tablerebuilder.h>
 #include <database/volat.h>
 #include <database/watchindex.h>
