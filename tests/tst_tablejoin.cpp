@@ -23,26 +23,19 @@ namespace {
 enum { Id, Code, Price };
 enum { Oid, Inst, Qty, JoinedCode, JoinedPrice };
 
+// A sorted view over one column, nulls first.
 class ByColumn : public IndexSort
 {
 public:
     ByColumn(Table *table, int column)
         : IndexSort(table, true)
-        , m_column(column)
+        , m_key(table, QList<int> { column })
     {
     }
-    int compare(const Record &a, const Record &b) const override
-    {
-        const Field x = a.data(m_column), y = b.data(m_column);
-        if (x.isNull() || y.isNull())
-            return int(!x.isNull()) - int(!y.isNull());
-        const double p = x.type() == FieldType::Double ? x.get<double>() : x.get<qint32>();
-        const double q = y.type() == FieldType::Double ? y.get<double>() : y.get<qint32>();
-        return p < q ? -1 : (q < p ? 1 : 0);
-    }
+    int compare(const Record &a, const Record &b) const override { return m_key.compare(a, b); }
 
 private:
-    int m_column;
+    MasterIndex_Column_Pure m_key;
 };
 
 // Counts the batches and brackets a table hands its indexes.
@@ -157,6 +150,7 @@ void tst_TableJoin::createFillsExistingRows()
     appendInstrument(t.instruments, 1, QStringLiteral("SBER"), 250.5);
     appendOrder(t.orders, 10, 1);
     appendOrder(t.orders, 11, 2);
+    ByColumn byQty(&t.orders, Qty);
     const auto join = t.join();
     QVERIFY2(join->isValid(), qPrintable(join->errorString()));
     QCOMPARE(join->mainColumns(), QList<int>({ JoinedCode, JoinedPrice }));
@@ -326,11 +320,14 @@ void tst_TableJoin::randomAgainstNaiveJoin()
         } else if ((action == 3 || action == 6) && !existing.isNull()) {
             // In place, as a host edits a row: a direct undoable update.
             const Record before = existing.clone();
-            Field field = existing.data(action == 3 ? int(Code) : int(Inst));
-            if (action == 3)
+            // Instruments get a new code or, when the id is free, a new key.
+            const int id = pick(24);
+            const bool rekey = action == 3 && rowOf(table, id).isNull();
+            Field field = existing.data(action == 6 ? int(Inst) : rekey ? int(Id) : int(Code));
+            if (action == 3 && !rekey)
                 field = QStringLiteral("C%1").arg(step);
             else
-                field.set<qint32>(pick(24));
+                field.set<qint32>(id);
             table.updated(existing, 0, table.columnCount() - 1, -1);
             undo.push(new Undo::Update(&table, before, existing.clone()));
         } else if (action == 4) {
