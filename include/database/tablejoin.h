@@ -32,7 +32,8 @@ class TableJoinPrivate;
 // the same table on both sides). On success it appends the joined columns to
 // the main table (name given by the host, type and length copied, nullable,
 // title and description copied), fills them for every main row, and registers
-// two indexes: TableJoinMain at the head of the main table's index list, and
+// two indexes: TableJoinMain at the head of the main table's index list (and
+// back there whenever it is registered again, after a rebuild), and
 // TableJoinDep on the dependent table, both in its index list and among its
 // dependent indexes.
 //

@@ -202,17 +202,23 @@ void TableJoinPrivate::attach(const QList<TableJoin::Column> &columns)
     buildDependent();
     dependent->addIndex(dependentIndex);
     dependent->addDependentIndex(dependentIndex);
-    // First in the list: every later index sees entering rows already filled.
     main->addIndex(mainIndex);
-    QList<Index *> listed = main->indexes();
-    listed.removeOne(mainIndex);
-    listed.prepend(mainIndex);
-    main->setIndexes(listed);
+    moveMainIndexFirst();
     buildMain();
 
     main->endUpdate();
     main->unlock();
     dependent->unlock();
+}
+
+void TableJoinPrivate::moveMainIndexFirst()
+{
+    // First in the list: every later index sees entering rows already filled.
+    QList<Index *> listed = main->indexes();
+    if (listed.value(0) == mainIndex || !listed.removeOne(mainIndex))
+        return;
+    listed.prepend(mainIndex);
+    main->setIndexes(listed);
 }
 
 void TableJoinPrivate::detach()
@@ -274,6 +280,15 @@ TableJoin::TableJoin(Table *main, const QStringList &mainKeyColumns, Table *depe
             join->main = nullptr;
             join->openBrackets = 0;
             join->detach();
+        },
+        Qt::DirectConnection);
+    // An index rebuilder that took the main index aside registers it again at
+    // the end of the list.
+    QObject::connect(
+        main, &Table::indexAdded, &d->watcher,
+        [join](Index *index) {
+            if (index == join->mainIndex)
+                join->moveMainIndexFirst();
         },
         Qt::DirectConnection);
     QObject::connect(

@@ -62,6 +62,7 @@ public:
 
     bool validate(const QStringList &mainKeyColumns, const QList<TableJoin::Column> &columns);
     void attach(const QList<TableJoin::Column> &columns);
+    void moveMainIndexFirst();
     void detach();
 
     QByteArray keyOf(const Table *table, const unsigned char *row,
