@@ -398,7 +398,7 @@ void tst_TableJoin::chainsAndSeveralJoins()
     setBid(QStringLiteral("SBER"), QStringLiteral("2.25"));
     QCOMPARE(order.data(QStringLiteral("chainBid")).toString(), QStringLiteral("2.25"));
     QCOMPARE(order.data(QStringLiteral("directBid")).toString(), QStringLiteral("2.25"));
-    // Re-keying the instrument moves both bids; a decimal key matches by value.
+    // Re-keying the instrument (its code) moves both bids.
     setBid(QStringLiteral("GAZP"), QStringLiteral("3"));
     Record instrument = rowOf(t.instruments, 1);
     instrument.data(Code) = QStringLiteral("GAZP");
