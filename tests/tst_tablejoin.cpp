@@ -162,6 +162,25 @@ void tst_TableJoin::createFillsExistingRows()
     QVERIFY_JOINED(t);
     QCOMPARE(rowOf(t.orders, 10).data(JoinedCode).toString(), QStringLiteral("SBER"));
     QVERIFY(rowOf(t.orders, 11).data(JoinedPrice).isNull());
+
+    // Decimal keys match by value whatever their scales.
+    Table strikes(QStringLiteral("strikes")), legs(QStringLiteral("legs"));
+    for (Table *table : { &strikes, &legs }) {
+        table->addColumn(QStringLiteral("strike"), FieldType::Decimal, 0, false);
+        table->setMasterIndex(new MasterIndex_Column_Pure(table, QStringLiteral("strike")));
+    }
+    strikes.addColumn(QStringLiteral("vol"), FieldType::Double);
+    const int key = 0, vol = 1;
+    Record strike(&strikes), leg(&legs);
+    strike.data(key).set(decimal(QStringLiteral("1.5")));
+    strike.data(vol).set<double>(0.25);
+    leg.data(key).set(decimal(QStringLiteral("1.500")));
+    strikes.appendList({ strike });
+    legs.appendList({ leg });
+    leg = Record(); // the join re-lays the legs' rows
+    TableJoin byStrike(&legs, { QStringLiteral("strike") }, &strikes,
+                       { { QStringLiteral("vol"), QString() } });
+    QCOMPARE(legs.masterIndex()->begin()->data(vol).get<double>(), 0.25);
 }
 
 void tst_TableJoin::refusals_data()
