@@ -42,6 +42,7 @@
 #include <database/settings/workplacesettings.h>
 #include <database/table.h>
 #include <database/tableio.h>
+#include <database/tablejoin.h>
 #include <database/tablerebuilder.h>
 #include <database/volat.h>
 #include <database/watchindex.h>

@@ -36,10 +36,8 @@ class Table;
 // same order as before; then every name each index had is set again
 // (setIndexName, overriding a name given to another index meanwhile).
 //
-// Join indexes: this library has no join subsystem of its own; an index counts
-// as a join index when its getClassName() starts with "TableJoin" (the class
-// names of the join indexes). Dependent indexes: getClassName() starts with
-// "IndexDepend". Both comparisons are case-sensitive.
+// Join indexes: those TableJoin::isJoinIndex() recognises. Dependent indexes:
+// getClassName() starts with "IndexDepend" (case-sensitive).
 //
 // Ownership: owns nothing; the indexes stay with their owners. If the table is
 // destroyed first, the destructor only builds the indexes.
@@ -70,7 +68,6 @@ public:
 
     // Sorts `indexes` into the three groups, keeping their order within each.
     static IndexGroups detectIndexGroup(const QList<Index *> &indexes);
-    static bool isJoinIndex(const Index *index);
     static bool isDependentIndex(const Index *index);
 
 private:

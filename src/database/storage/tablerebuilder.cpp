@@ -3,6 +3,7 @@
 #include "storage/table_p.h"
 #include <database/index.h>
 #include <database/table.h>
+#include <database/tablejoin.h>
 
 #include <QPointer>
 #include <QStringList>
@@ -138,11 +139,6 @@ QList<Index *> TableIndexRebuilder::indexes() const
     return d->given;
 }
 
-bool TableIndexRebuilder::isJoinIndex(const Index *index)
-{
-    return classNameStartsWith(index, "TableJoin");
-}
-
 bool TableIndexRebuilder::isDependentIndex(const Index *index)
 {
     return classNameStartsWith(index, "IndexDepend");
@@ -153,7 +149,7 @@ TableIndexRebuilder::detectIndexGroup(const QList<Index *> &indexes)
 {
     IndexGroups groups;
     for (Index *index : indexes) {
-        if (isJoinIndex(index))
+        if (TableJoin::isJoinIndex(index))
             groups.joins.append(index);
         else if (isDependentIndex(index))
             groups.dependents.append(index);
