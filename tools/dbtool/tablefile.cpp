@@ -397,12 +397,18 @@ std::unique_ptr<Table> tableFromSchema(const QJsonObject &schema, const QString 
                         .arg(length);
             return nullptr;
         }
+        // Columns made by the application carry null texts; JSON cannot tell
+        // null from empty, and empty is taken for null so a file rebuilt from
+        // its own schema has the same bytes.
+        const auto text = [&column](const char *key) {
+            const QString value = column.value(QLatin1String(key)).toString();
+            return value.isEmpty() ? QString() : value;
+        };
         try {
             table->addColumn(columnName, type, length,
-                             column.value(QStringLiteral("nullable")).toBool(true),
-                             column.value(QStringLiteral("title")).toString(),
+                             column.value(QStringLiteral("nullable")).toBool(true), text("title"),
                              column.value(QStringLiteral("auxFlag")).toBool(true),
-                             column.value(QStringLiteral("description")).toString());
+                             text("description"));
         } catch (const QString &message) {
             error = QStringLiteral("column %1 (%2): %3").arg(i + 1).arg(columnName, message);
             return nullptr;
