@@ -43,19 +43,26 @@ bool readBoardList(const QString &text, boardlist &list)
     return true;
 }
 
+// A date, "yyyy.MM.dd" or "yyyy-MM-dd", and an optional time, "HH:mm:ss.zzz"
+// or "HH:mm:ss", read as UTC wall-clock time (no local time zone involved).
 bool readDateTime(const QString &text, qint64 &msecs)
 {
-    static const char *const formats[]
-        = { "yyyy.MM.dd HH:mm:ss.zzz", "yyyy-MM-dd HH:mm:ss", "yyyy.MM.dd", "yyyy-MM-dd" };
-    for (const char *format : formats) {
-        QDateTime value = QDateTime::fromString(text, QLatin1String(format));
-        if (value.isValid()) {
-            value.setTimeSpec(Qt::UTC);
-            msecs = value.toMSecsSinceEpoch();
-            return true;
-        }
+    const QStringList parts = text.split(QLatin1Char(' '));
+    if (parts.size() > 2)
+        return false;
+    QDate date = QDate::fromString(parts.at(0), QStringLiteral("yyyy.MM.dd"));
+    if (!date.isValid())
+        date = QDate::fromString(parts.at(0), QStringLiteral("yyyy-MM-dd"));
+    QTime time(0, 0);
+    if (parts.size() == 2) {
+        time = QTime::fromString(parts.at(1), QStringLiteral("HH:mm:ss.zzz"));
+        if (!time.isValid())
+            time = QTime::fromString(parts.at(1), QStringLiteral("HH:mm:ss"));
     }
-    return false;
+    if (!date.isValid() || !time.isValid())
+        return false;
+    msecs = QDateTime(date, time, Qt::UTC).toMSecsSinceEpoch();
+    return true;
 }
 
 } // namespace
@@ -63,6 +70,10 @@ bool readDateTime(const QString &text, qint64 &msecs)
 bool setCellText(Field &field, const QString &text, QString &error)
 {
     if (text.isNull() || (text.isEmpty() && field.type() != FieldType::VarChar)) {
+        if (!field.def->nullable && field.type() == FieldType::DateTime) {
+            field.set<qint64>(0); // "no date", which has no text
+            return true;
+        }
         if (!field.def->nullable) {
             error = QStringLiteral("no value, and the column is not nullable");
             return false;

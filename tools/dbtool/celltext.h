@@ -28,9 +28,10 @@ namespace dbtool {
 
 QString cellText(const Field &field);
 // Reads `text` into the cell by its column's type; a null `text` makes the
-// cell null, and so does an empty text for any type but VarChar. Refuses (false, with `error`) what
-// does not read back exactly: unreadable numbers and dates, a text longer than the VarChar's
-// length, a malformed board list.
+// cell null, and so does an empty text for any type but VarChar (a DateTime
+// that may not be null takes "no date", the zero that has no text). Refuses
+// (false, with `error`) what does not read back exactly: unreadable numbers
+// and dates, a text longer than the VarChar's length, a malformed board list.
 bool setCellText(Field &field, const QString &text, QString &error);
 
 // Orders two cells of the same type: null first, then by value (VarChar and

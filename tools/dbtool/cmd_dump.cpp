@@ -11,7 +11,7 @@
 #include "tablefile.h"
 
 #include <database/field.h>
-#include <database/indexsort.h>
+#include <database/indexsortcolumns.h>
 
 #include <QFileInfo>
 #include <QSaveFile>
@@ -261,28 +261,6 @@ int readSelection(const QCommandLineParser &parser, const TableFile &file, Selec
     return ExitOk;
 }
 
-// The sorted view of one column, as the library's sorted indexes order rows:
-// equal values keep their arrival order.
-class ColumnSort : public IndexSort
-{
-public:
-    ColumnSort(Table *table, int column, bool descending)
-        : IndexSort(table, false)
-        , m_column(column)
-        , m_descending(descending)
-    {
-    }
-    int compare(const Record &a, const Record &b) const override
-    {
-        const int c = compareCells(a.data(m_column), b.data(m_column));
-        return m_descending ? -c : c;
-    }
-
-private:
-    int m_column;
-    bool m_descending;
-};
-
 // Streams (or sorts) the selected rows of `file` into `writer`. Returns the
 // exit code; a bad file is reported after the rows that could be read.
 int writeRows(const QCommandLineParser &parser, TableFile &file, Selection &selection,
@@ -320,7 +298,9 @@ int writeRows(const QCommandLineParser &parser, TableFile &file, Selection &sele
     const bool loaded = file.read(onRow, context.quiet, error);
     if (sorted) {
         if (loaded && file.table()->rowCount() == kept.size()) {
-            ColumnSort index(file.table(), sortColumn, key.descending);
+            IndexSortColumns index(file.table(), file.table()->columnName(sortColumn),
+                                   key.descending ? Qt::DescendingOrder : Qt::AscendingOrder,
+                                   false);
             index.build();
             kept.clear();
             for (auto it = index.begin(); it != index.end(); ++it)
