@@ -46,6 +46,7 @@ const Command *findCommand(const QString &name)
 
 int Context::fail(int code, const QString &message) const
 {
+    out.flush(); // what was printed before the error comes before it
     err << "dbtool " << command << ": " << message << '\n';
     err.flush();
     return code;
@@ -53,6 +54,7 @@ int Context::fail(int code, const QString &message) const
 
 void Context::warn(const QString &message) const
 {
+    out.flush();
     err << "dbtool " << command << ": warning: " << message << '\n';
     err.flush();
 }
