@@ -25,7 +25,7 @@ int runVerify(const QCommandLineParser &parser, Context &context)
     for (const QString &path : paths) {
         TableFile file;
         QString error;
-        const bool whole = file.locate(path, QString(), error)
+        const bool whole = file.locate(path, error)
             && file.read([](const Record &) { return TableFile::Drop; }, context.quiet, error);
         if (!whole) {
             code = context.fail(ExitBadInput, error);
@@ -108,7 +108,7 @@ int runStats(const QCommandLineParser &parser, Context &context)
         return context.fail(ExitUsage, QStringLiteral("give one table file"));
     TableFile file;
     QString error;
-    if (!file.locate(paths.first(), QString(), error) || !file.readHeader(error))
+    if (!file.locate(paths.first(), error) || !file.readHeader(error))
         return context.fail(ExitBadInput, error);
     std::vector<ColumnStats> columns;
     for (const TableColumnDef &def : file.header().columns)

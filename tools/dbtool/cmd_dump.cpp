@@ -349,7 +349,7 @@ int runDump(const QCommandLineParser &parser, Context &context)
     if (parser.isSet(formatOption) && !readFormat(parser.value(formatOption), format, error))
         return context.fail(ExitUsage, error);
     TableFile file;
-    if (!file.locate(args.first(), QString(), error) || !file.readHeader(error))
+    if (!file.locate(args.first(), error) || !file.readHeader(error))
         return context.fail(ExitBadInput, error);
     Selection selection;
     if (const int code = readSelection(parser, file, selection, context))
@@ -392,7 +392,7 @@ int runExport(const QCommandLineParser &parser, Context &context)
     if (sameFile(args.first(), target))
         return context.fail(ExitUsage, QStringLiteral("--to: %1 is the input file").arg(target));
     TableFile file;
-    if (!file.locate(args.first(), QString(), error) || !file.readHeader(error))
+    if (!file.locate(args.first(), error) || !file.readHeader(error))
         return context.fail(ExitBadInput, error);
     Selection selection;
     if (const int code = readSelection(parser, file, selection, context))

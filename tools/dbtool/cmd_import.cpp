@@ -227,7 +227,7 @@ int runConvert(const QCommandLineParser &parser, Context &context)
     const QString target = parser.value(toOption);
     QString error;
     TableFile source;
-    if (!source.locate(args.first(), QString(), error) || !source.readHeader(error))
+    if (!source.locate(args.first(), error) || !source.readHeader(error))
         return context.fail(ExitBadInput, error);
     QJsonObject schema = source.toJson();
     if (parser.isSet(schemaOption) && !readSchemaFile(parser.value(schemaOption), schema, error))

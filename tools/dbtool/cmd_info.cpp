@@ -43,7 +43,7 @@ int listDirectory(const QString &path, bool json, QJsonArray &objects, Context &
     for (const QString &name : names) {
         TableFile file;
         QString error;
-        if (!file.locate(dir.filePath(name), QString(), error) || !file.readHeader(error)) {
+        if (!file.locate(dir.filePath(name), error) || !file.readHeader(error)) {
             ++others;
             continue;
         }
@@ -89,7 +89,7 @@ int runInfo(const QCommandLineParser &parser, Context &context)
         }
         TableFile file;
         QString error;
-        if (!file.locate(path, QString(), error) || !file.readHeader(error)) {
+        if (!file.locate(path, error) || !file.readHeader(error)) {
             code = context.fail(ExitBadInput, error);
             continue;
         }
@@ -197,7 +197,7 @@ int runDescribe(const QCommandLineParser &parser, Context &context)
     } else {
         TableFile file;
         QString error;
-        if (!file.locate(paths.first(), QString(), error) || !file.readHeader(error))
+        if (!file.locate(paths.first(), error) || !file.readHeader(error))
             return context.fail(ExitBadInput, error);
         table = std::make_unique<Table>(file.tableName());
         try {

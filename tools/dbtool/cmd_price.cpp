@@ -72,6 +72,10 @@ bool priceOption(const OptionInput &input, OptionResult &result, QString &error)
     result.vega = out.vega * discount;
     result.theta
         = out.theta * discount + input.rate * (value - discount * deltaForward * in.price) / 365.0;
+    if (!std::isfinite(value) || !std::isfinite(result.theta)) {
+        error = QStringLiteral("no finite price for these inputs");
+        return false;
+    }
     if (volatility == 0) {
         // The intrinsic value has no greeks but its delta.
         result.gamma = result.vega = result.theta = 0;

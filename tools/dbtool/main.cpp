@@ -13,8 +13,7 @@ QtMessageHandler standardHandler = nullptr;
 void dropTableFileWarnings(QtMsgType type, const QMessageLogContext &context,
                            const QString &message)
 {
-    if (type == QtWarningMsg && message.startsWith(QLatin1String("TableIO: "))
-        && !message.contains(QLatin1String("could not be converted")))
+    if (type == QtWarningMsg && message.startsWith(QLatin1String("TableIO: ")))
         return;
     if (standardHandler)
         standardHandler(type, context, message);

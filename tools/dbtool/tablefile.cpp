@@ -13,6 +13,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QSaveFile>
+#include <QtEndian>
 
 #include <cstdio>
 #include <unistd.h>
@@ -132,30 +133,16 @@ void ProgressBar::finish()
 
 // --- TableFile ------------------------------------------------------------------------------
 
-bool TableFile::locate(const QString &path, const QString &tableName, QString &error)
+bool TableFile::locate(const QString &path, QString &error)
 {
-    QFileInfo info(path);
-    if (!tableName.isEmpty()) {
-        if (!info.isDir()) {
-            error = QStringLiteral("%1: no such directory").arg(path);
-            return false;
-        }
-        const QDir dir(path);
-        info = QFileInfo(dir.filePath(tableName));
-        if (!info.exists())
-            info = QFileInfo(dir.filePath(tableName + QLatin1String(".gz")));
-        if (!info.exists()) {
-            error = QStringLiteral("%1: no table file %2 (nor %2.gz)").arg(path, tableName);
-            return false;
-        }
-    }
+    const QFileInfo info(path);
     if (!info.exists()) {
         error = QStringLiteral("%1: no such file").arg(info.filePath());
         return false;
     }
     if (info.isDir()) {
-        error = QStringLiteral("%1: is a directory; give a table file, or the directory and a "
-                               "table name")
+        error = QStringLiteral("%1: is a directory, not a table file ('dbtool info %1' lists "
+                               "its tables)")
                     .arg(info.filePath());
         return false;
     }
@@ -197,6 +184,17 @@ bool TableFile::readHeader(QString &error)
     QIODevice *device = nullptr;
     if (!openStream(device, error))
         return false;
+    // Any file may be named (info lists a whole directory): one that does not
+    // start with the magic number is refused before its header is believed.
+    char magic[4];
+    if (device->peek(magic, 4) == 4
+        && qFromBigEndian<qint32>(reinterpret_cast<const uchar *>(magic)) != TableIO::Magic) {
+        error = QStringLiteral("%1: not a table file (magic 0x%2)")
+                    .arg(m_path)
+                    .arg(qFromBigEndian<quint32>(reinterpret_cast<const uchar *>(magic)), 8, 16,
+                         QLatin1Char('0'));
+        return false;
+    }
     Table probe(m_tableName);
     TableIO io(&probe);
     QDataStream stream(device);

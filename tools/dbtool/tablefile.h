@@ -6,8 +6,7 @@
 // loaded into a table, and atomic writes of new files.
 //
 // A file is plain or gzip by its content (the gzip magic bytes), not by its
-// name. A directory with a table name finds the plain file first and then
-// "NAME.gz", as the library's own loader does.
+// name.
 //
 // Streaming: read() hands every row to the caller's callback as the library
 // loads it and keeps no row unless the callback says so, so info, verify, stats and
@@ -58,9 +57,8 @@ public:
     enum RowAction { Drop, Keep, Stop };
     typedef std::function<RowAction(const Record &)> RowCallback;
 
-    // The file named `path`; with a non-empty `tableName`, `path` is a
-    // directory holding that table's file.
-    bool locate(const QString &path, const QString &tableName, QString &error);
+    // The file named `path`, which must exist and not be a directory.
+    bool locate(const QString &path, QString &error);
     // Reads and checks the header only.
     bool readHeader(QString &error);
     // Builds the table from the header and loads the rows: each goes to `onRow`,
