@@ -52,7 +52,12 @@ struct CsvField
     QString text;
     bool quoted = false;
     // The cell's text: null for an empty unquoted field.
-    QString cell() const { return quoted || !text.isEmpty() ? text : QString(); }
+    QString cell() const
+    {
+        if (!text.isEmpty())
+            return text;
+        return quoted ? QString(QLatin1String("")) : QString();
+    }
 };
 
 class CsvReader

@@ -70,3 +70,10 @@ add_test(NAME dbtool_files COMMAND ${CMAKE_COMMAND} -DTOOL=$<TARGET_FILE:dbtool>
                                    -DWORK=${CMAKE_CURRENT_BINARY_DIR}/dbtool_files
                                    -P ${dbtool_tests_dir}/run_files.cmake)
 set_tests_properties(dbtool_files PROPERTIES TIMEOUT 120)
+
+# The text forms of cells and the CSV reader, unit by unit.
+add_executable(tst_dbtool_celltext ${dbtool_tests_dir}/tst_celltext.cpp)
+target_link_libraries(tst_dbtool_celltext PRIVATE dbtool_core Qt5::Test)
+target_compile_options(tst_dbtool_celltext PRIVATE ${DATABASE_WARNINGS})
+add_test(NAME tst_dbtool_celltext COMMAND tst_dbtool_celltext)
+set_tests_properties(tst_dbtool_celltext PROPERTIES TIMEOUT 120)
