@@ -136,6 +136,9 @@ int runImport(const QCommandLineParser &parser, Context &context)
         table->appendList(batch);
         batch.clear();
     };
+    const MasterIndex *master = table->masterIndex();
+    const bool checkKeys = !master->keyColumns().isEmpty();
+    QHash<QString, int> keyLines;
     table->beginUpdate();
     while (reader.readRecord(fields)) {
         const int line = reader.recordLine();
@@ -161,6 +164,15 @@ int runImport(const QCommandLineParser &parser, Context &context)
                     why = QStringLiteral("column %1: %2")
                               .arg(table->columnName(columnOfField.at(i)), why);
             }
+        }
+        // A key names one row: a second row with the same key is a bad row.
+        if (why.isEmpty() && checkKeys) {
+            const QString key = master->toText(record);
+            const int first = keyLines.value(key, 0);
+            if (!key.isEmpty() && first > 0)
+                why = QStringLiteral("the key %1 is already on line %2").arg(key).arg(first);
+            else if (!key.isEmpty())
+                keyLines.insert(key, line);
         }
         if (!why.isEmpty()) {
             const QString message = QStringLiteral("%1:%2: %3").arg(input).arg(line).arg(why);
@@ -248,7 +260,7 @@ int runConvert(const QCommandLineParser &parser, Context &context)
     try {
         io.make_fromDefs(convertors, from, TableIO::Convertors());
     } catch (const Exception &e) {
-        return context.fail(ExitUsage, QStringLiteral("%1: %2").arg(source.path(), e.message));
+        return context.fail(ExitBadInput, QStringLiteral("%1: %2").arg(source.path(), e.message));
     }
     for (int column = 0; column < table->columnCount(); ++column) {
         if (from->columnIndex(table->columnName(column)) < 0)
