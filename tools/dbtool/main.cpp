@@ -28,5 +28,9 @@ int main(int argc, char **argv)
     QCoreApplication::setApplicationName(QStringLiteral("dbtool"));
     QTextStream out(stdout);
     QTextStream err(stderr);
+    // Cell texts are Unicode (the application's are Russian); the C locale's
+    // codec would turn them into question marks.
+    out.setCodec("UTF-8");
+    err.setCodec("UTF-8");
     return dbtool::runCommandLine(app.arguments().mid(1), out, err);
 }

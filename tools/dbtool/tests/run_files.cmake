@@ -6,7 +6,8 @@ file(REMOVE_RECURSE ${WORK})
 file(MAKE_DIRECTORY ${WORK})
 
 function(dbtool expected_rc)
-    execute_process(COMMAND ${TOOL} ${ARGN} -q WORKING_DIRECTORY ${WORK}
+    execute_process(COMMAND ${CMAKE_COMMAND} -E env LC_ALL=C ${TOOL} ${ARGN} -q
+                    WORKING_DIRECTORY ${WORK}
                     RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
     if(NOT rc STREQUAL expected_rc)
         message(FATAL_ERROR "dbtool ${ARGN}: exit ${rc}, expected ${expected_rc}\n${out}\n${err}")
@@ -69,6 +70,15 @@ endif()
 dbtool(0 dump good --format csv --columns id,instrument,side)
 if(NOT last_out STREQUAL "id,instrument,side\n1,ACME,B\n5,\"DYNA, Inc\",\"\"\n")
     message(FATAL_ERROR "imported rows:\n${last_out}")
+endif()
+
+# Unicode text passes unchanged, whatever the locale.
+file(WRITE ${WORK}/ru.csv "id,instrument,comment\n7,Сбер,\"цена, руб.\"\n")
+dbtool(0 import ru.csv --schema ${DATA}/schema.json --to ru)
+dbtool(0 dump ru --format csv --columns id,instrument,comment)
+file(READ ${WORK}/ru.csv ru)
+if(NOT last_out STREQUAL ru)
+    message(FATAL_ERROR "Unicode text changed:\n${last_out}")
 endif()
 
 dbtool(3 export ${DATA}/tables/quotes --to missing/dir/out.csv)
