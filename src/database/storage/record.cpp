@@ -1,6 +1,6 @@
 #include <database/record.h>
 
-#include <database/masterindex_struct.h>
+#include "storage/rowlayout_p.h"
 #include <database/table.h>
 
 #include <cstring>
@@ -9,7 +9,7 @@ namespace {
 
 int *countOf(unsigned char *row)
 {
-    return reinterpret_cast<int *>(row);
+    return reinterpret_cast<int *>(row + RowLayout::RefCountOffset);
 }
 
 } // namespace
@@ -18,14 +18,6 @@ Record::Record(const Table *table)
     : m_row(table ? table->allocRow() : nullptr)
 {
     ref();
-}
-
-Record::Record(const Table *table, const QString &key)
-{
-    if (!table || key.isEmpty())
-        return;
-    if (const MasterIndex *master = table->masterIndex())
-        *this = master->findRecord(key);
 }
 
 Record::Record(unsigned char *row) noexcept
@@ -82,9 +74,7 @@ void Record::deref() noexcept
     unsigned char *row = m_row;
     m_row = nullptr;
     if (__atomic_sub_fetch(countOf(row), 1, __ATOMIC_SEQ_CST) == 0) {
-        Table *owner = nullptr;
-        std::memcpy(&owner, row + 8, sizeof(owner));
-        owner->freeRow(row);
+        RowLayout::owner(row)->freeRow(row);
     }
 }
 
@@ -101,9 +91,7 @@ Table *Record::table() const noexcept
 {
     if (!m_row)
         return nullptr;
-    Table *owner = nullptr;
-    std::memcpy(&owner, m_row + 8, sizeof(owner));
-    return owner;
+    return RowLayout::owner(m_row);
 }
 
 int Record::refCount() const noexcept
@@ -147,22 +135,6 @@ Field Record::data(const QString &name) const
 Field Record::data(int column) const
 {
     return table()->dataPtr(m_row, column);
-}
-
-bool Record::inTable() const
-{
-    if (!m_row)
-        return false;
-    const MasterIndex *master = table()->masterIndex();
-    return master && master->contains(*this);
-}
-
-QString Record::toString() const
-{
-    if (!m_row)
-        return QString();
-    const MasterIndex *master = table()->masterIndex();
-    return master ? master->toText(*this) : QString();
 }
 
 QString Record::dump() const
