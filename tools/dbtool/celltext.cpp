@@ -17,6 +17,16 @@ QString cellText(const Field &field)
         return QString();
     if (field.type() == FieldType::Double)
         return QString::number(field.get<double>(), 'g', QLocale::FloatingPointShortest);
+    if (field.type() == FieldType::Decimal) {
+        // Whole numbers past 18 digits are written out in full, which the
+        // decimal grammar cannot read back; the exponent form keeps mantissa
+        // and scale exactly.
+        const decimal value = field.get<decimal>();
+        const QString text = value.toString();
+        if (decimal::canConvert(text))
+            return text;
+        return QStringLiteral("%1e%2").arg(value.mantissa()).arg(-value.scale());
+    }
     if (field.type() != FieldType::BoardList)
         return field.toString();
     const boardlist list = field.get<boardlist>();
@@ -115,6 +125,11 @@ bool setCellText(Field &field, const QString &text, QString &error)
         }
         break;
     case FieldType::VarChar:
+        // A cell's text ends at its first zero unit: one inside would cut it.
+        if (text.contains(QChar(0))) {
+            error = QStringLiteral("a text with a zero character");
+            return false;
+        }
         if (text.size() > field.def->length) {
             error = QStringLiteral("'%1' is longer than the column's %2 characters")
                         .arg(text)

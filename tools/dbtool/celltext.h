@@ -4,9 +4,10 @@
 // Cells as text, and the text formats of rows: CSV, TSV, JSON lines.
 //
 // Text of a cell (cellText) is what export writes and import reads back to
-// the same cell: Field::toString() for every type but BoardList, whose pairs
-// are written in their stored order as "first:second" joined by spaces
-// ("1:5 2:3"). A null cell has no text (a null QString).
+// the same cell: Field::toString() for every type but these: Double in its
+// shortest exact form, a Decimal too long for the decimal grammar as
+// "MANTISSAeEXPONENT", BoardList as its pairs in stored order, "first:second"
+// joined by spaces ("1:5 2:3"). A null cell has no text (a null QString).
 //
 // CSV (RFC 4180): fields separated by ",", records by "\n" ("\r\n" is read
 // too); a field holding ",", '"', CR or LF, or starting or ending with a
@@ -31,7 +32,8 @@ QString cellText(const Field &field);
 // cell null, and so does an empty text for any type but VarChar (a DateTime
 // that may not be null takes "no date", the zero that has no text). Refuses
 // (false, with `error`) what does not read back exactly: unreadable numbers
-// and dates, a text longer than the VarChar's length, a malformed board list.
+// and dates, a text longer than the VarChar's length or holding a zero
+// character, a malformed board list.
 bool setCellText(Field &field, const QString &text, QString &error);
 
 // Orders two cells of the same type: null first, then by value (VarChar and
