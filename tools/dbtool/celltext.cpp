@@ -17,16 +17,6 @@ QString cellText(const Field &field)
         return QString();
     if (field.type() == FieldType::Double)
         return QString::number(field.get<double>(), 'g', QLocale::FloatingPointShortest);
-    if (field.type() == FieldType::Decimal) {
-        // Whole numbers past 18 digits are written out in full, which the
-        // decimal grammar cannot read back; the exponent form keeps mantissa
-        // and scale exactly.
-        const decimal value = field.get<decimal>();
-        const QString text = value.toString();
-        if (decimal::canConvert(text))
-            return text;
-        return QStringLiteral("%1e%2").arg(value.mantissa()).arg(-value.scale());
-    }
     if (field.type() != FieldType::BoardList)
         return field.toString();
     const boardlist list = field.get<boardlist>();

@@ -5,8 +5,7 @@
 //
 // Text of a cell (cellText) is what export writes and import reads back to
 // the same cell: Field::toString() for every type but these: Double in its
-// shortest exact form, a Decimal too long for the decimal grammar as
-// "MANTISSAeEXPONENT", BoardList as its pairs in stored order, "first:second"
+// shortest exact form, BoardList as its pairs in stored order, "first:second"
 // joined by spaces ("1:5 2:3"). A null cell has no text (a null QString).
 //
 // CSV (RFC 4180): fields separated by ",", records by "\n" ("\r\n" is read
