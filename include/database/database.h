@@ -27,6 +27,7 @@
 #include <database/indexmodel.h>
 #include <database/indexobserver.h>
 #include <database/indexsort.h>
+#include <database/indexsortcolumns.h>
 #include <database/indexvector.h>
 #include <database/logfile.h>
 #include <database/masterindex.h>
