@@ -3,7 +3,7 @@
 #include <database/decimal.h>
 #include <database/indexlist.h>
 #include <database/indexsort.h>
-#include <database/masterindex_column.h>
+#include <database/indexsortcolumns.h>
 #include <database/table.h>
 
 #include <QDebug>
@@ -73,20 +73,13 @@ double numberOf(const Field &field)
 
 // The header-sort index: one column in either order, over the rows that the
 // model's original index accepts.
-class HeaderSortIndex : public IndexSort
+class HeaderSortIndex : public IndexSortColumns
 {
 public:
-    HeaderSortIndex(Table *table, int column, Qt::SortOrder order, const Index *source)
-        : IndexSort(table, true)
-        , m_key(table, QList<int> { column })
-        , m_descending(order == Qt::DescendingOrder)
+    HeaderSortIndex(Table *table, const QString &column, Qt::SortOrder order, const Index *source)
+        : IndexSortColumns(table, column, order)
         , m_source(source)
     {
-    }
-    int compare(const Record &a, const Record &b) const override
-    {
-        const int c = m_key.compare(a, b);
-        return m_descending ? -c : c;
     }
     bool filter(const Record &record) const override
     {
@@ -94,8 +87,6 @@ public:
     }
 
 private:
-    MasterIndex_Column_Pure m_key;
-    bool m_descending;
     const Index *m_source;
 };
 
@@ -763,7 +754,8 @@ void IndexModel::sort(int column, Qt::SortOrder order)
     IndexList *next = d->sourceList;
     if (column >= 0 && column < d->columns.size()) {
         d->sortIndex.reset(
-            new HeaderSortIndex(d->table, d->columns.at(column), order, d->sourceList));
+            new HeaderSortIndex(d->table, d->table->columnName(d->columns.at(column)), order,
+                                d->sourceList));
         d->sortIndex->build();
         next = d->sortIndex.get();
     }
