@@ -26,9 +26,11 @@ class Record;
 // rows (selections and persistent indexes follow the row) and dataChanged for
 // the changed columns of rows that stayed. A change made inside the table's
 // update bracket reaches the view once, when the outermost bracket closes.
-// A bracket that changes more than layoutThreshold() rows (default 1000) is
-// shown as one layoutChanged with the persistent indexes remapped; a row that
-// left the index loses its persistent indexes. clear, build, resort and
+// A bracket that changes more than layoutThreshold() rows (default 16) is
+// shown as one layoutChanged with the persistent indexes remapped (a row that
+// left the index loses its persistent indexes): views answer one layout
+// change far faster than many moves, each of which makes a header view walk
+// all its sections. clear, build, resort and
 // IndexList::move/removeRanges are shown the same way. The model never resets.
 //
 // The model keeps its own list of the rows the view was last told about (one

@@ -131,7 +131,7 @@ public:
     QVector<int> columns;
     PartitionList<Record> rows; // what the view was told
     int limit = -1;
-    int layoutThreshold = 1000;
+    int layoutThreshold = 16;
     int highlightPeriod = 3000;
 
     // Changes of the model's own thread, held until the bracket closes.
@@ -188,6 +188,7 @@ public:
     bool applyFast(const IndexObserver::Batch &batch, int lo, int hi);
     void applyDiff(const QSet<RowKey> &touched, int lo, int hi, bool noteChanges);
     bool applySequence(QVector<int> removed, std::vector<Entering> entering, int lo, int hi);
+    void applyAsLayout(QVector<int> removed, std::vector<Entering> entering);
     void emitDataChanged(QVector<int> rowList, int lo, int hi);
     void noteChanged(const Record &record, int lo, int hi);
     void remember(const Record &record) const;
@@ -342,7 +343,7 @@ bool IndexModelPrivate::applyFast(const IndexObserver::Batch &batch, int lo, int
             entering.push_back({ batch.entering.at(i), -1, batch.enteringPositions.at(i) });
     }
     if (removed.size() + int(entering.size()) > layoutThreshold) {
-        relayout();
+        applyAsLayout(removed, std::move(entering));
         return true;
     }
     if (!applySequence(removed, std::move(entering), lo, hi)) {
@@ -408,9 +409,72 @@ void IndexModelPrivate::applyDiff(const QSet<RowKey> &touchedRows, int lo, int h
         if (!staying.contains(it.key()))
             removed.append(it.value());
     }
-    if (!consistent || removed.size() + int(entering.size()) > layoutThreshold
-        || !applySequence(removed, std::move(entering), lo, hi))
+    if (!consistent)
         relayout();
+    else if (removed.size() + int(entering.size()) > layoutThreshold)
+        applyAsLayout(removed, std::move(entering));
+    else if (!applySequence(removed, std::move(entering), lo, hi))
+        relayout();
+}
+
+// The same change as applySequence(), told as one layoutChanged: the rows
+// leave and enter silently and each persistent index is moved to where its
+// row went, computed from the positions alone (no walk of the rows).
+void IndexModelPrivate::applyAsLayout(QVector<int> removed, std::vector<Entering> entering)
+{
+    emit q->layoutAboutToBeChanged();
+    QVector<int> leaving = removed;
+    QHash<RowKey, int> updatedFinal;
+    for (const Entering &e : entering) {
+        if (e.cur >= 0) {
+            leaving.append(e.cur);
+            updatedFinal.insert(e.record.row(), e.final);
+        }
+    }
+    std::sort(leaving.begin(), leaving.end());
+    leaving.erase(std::unique(leaving.begin(), leaving.end()), leaving.end());
+    std::sort(entering.begin(), entering.end(),
+              [](const Entering &a, const Entering &b) { return a.final < b.final; });
+    QSet<RowKey> removedRows;
+    for (int position : qAsConst(removed))
+        removedRows.insert(rows.at(position).row());
+
+    const QModelIndexList before = q->persistentIndexList();
+    QModelIndexList after;
+    after.reserve(before.size());
+    for (const QModelIndex &index : before) {
+        const RowKey row = rows.at(index.row()).row();
+        int target = -1;
+        if (updatedFinal.contains(row)) {
+            target = updatedFinal.value(row);
+        } else if (!removedRows.contains(row)) {
+            // An untouched row keeps its order among the untouched rows; the
+            // entering rows that land before it push it down.
+            target = index.row()
+                - int(std::lower_bound(leaving.cbegin(), leaving.cend(), index.row())
+                      - leaving.cbegin());
+            for (const Entering &e : entering) {
+                if (e.final > target)
+                    break;
+                ++target;
+            }
+        }
+        after.append(target < 0 ? QModelIndex() : q->index(target, index.column()));
+    }
+    for (int k = leaving.size() - 1; k >= 0; --k) {
+        if (removedRows.contains(rows.at(leaving.at(k)).row()))
+            forget(rows.at(leaving.at(k)));
+        rows.remove(leaving.at(k));
+    }
+    for (const Entering &e : entering)
+        rows.insert(qMin(e.final, rows.count()), e.record);
+    q->changePersistentIndexList(before, after);
+    emit q->layoutChanged();
+    if (rows.count() != shownCount()) {
+        qWarning() << "IndexModel: the index reported positions that do not add up; "
+                      "reading it again";
+        relayout();
+    }
 }
 
 // Removes the rows at `removed` (positions of the model's rows), then brings
