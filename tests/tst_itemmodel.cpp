@@ -248,7 +248,9 @@ void tst_ItemModel::batchesSignalAtBracketEnd()
 void tst_ItemModel::rowLimitShowsTopRowsOnly()
 {
     QuoteTable q;
-    q.fill({ { 1, { "a", 10, 1 } }, { 2, { "b", 20, 2 } }, { 3, { "c", 30, 3 } },
+    q.fill({ { 1, { "a", 10, 1 } },
+             { 2, { "b", 20, 2 } },
+             { 3, { "c", 30, 3 } },
              { 4, { "d", 40, 4 } } });
     IndexModel model(q.view.get());
     QAbstractItemModelTester tester(&model, QAbstractItemModelTester::FailureReportingMode::Fatal);

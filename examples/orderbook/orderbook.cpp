@@ -225,7 +225,8 @@ void OrderBook::tick()
         double price = old.data(Price).get<double>();
         if (m_random.bounded(4) == 0)
             price += (side == 0 ? -1 : 1) * 0.01 * (1 + int(m_random.bounded(3)));
-        new Undo::TransUpdate(old.clone(), level(id, side, price, 1 + int(m_random.bounded(120))), edit);
+        new Undo::TransUpdate(old.clone(), level(id, side, price, 1 + int(m_random.bounded(120))),
+                              edit);
     }
     if (m_random.bounded(3) == 0) {
         const int side = int(m_random.bounded(2));

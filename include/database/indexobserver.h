@@ -48,7 +48,8 @@ public:
     virtual void indexRowInserted(int position, const Record &record) = 0;
     virtual void indexRowRemoved(int position, const Record &record) = 0;
     virtual void indexRowUpdated(int from, int to, const Record &record, int firstColumn,
-                                 int lastColumn) = 0;
+                                 int lastColumn)
+        = 0;
     virtual void indexBatchProcessed(const Batch &batch) = 0;
     virtual void indexReset() = 0;
     virtual void indexBeginUpdate() = 0;

@@ -356,8 +356,7 @@ bool IndexModelPrivate::applyFast(const IndexObserver::Batch &batch, int lo, int
 
 // Compares the model's rows with the index: rows not touched by the changes
 // keep their order, the touched ones left, entered or moved.
-void IndexModelPrivate::applyDiff(const QSet<RowKey> &touchedRows, int lo, int hi,
-                                  bool noteChanges)
+void IndexModelPrivate::applyDiff(const QSet<RowKey> &touchedRows, int lo, int hi, bool noteChanges)
 {
     const QList<Record> next = shownRows();
     QSet<RowKey> touched = touchedRows;
@@ -392,7 +391,8 @@ void IndexModelPrivate::applyDiff(const QSet<RowKey> &touchedRows, int lo, int h
     for (int j = 0; j < next.size(); ++j) {
         const Record &record = next.at(j);
         if (!touched.contains(record.row())) {
-            consistent = consistent && kept < keptBefore.size() && keptBefore.at(kept) == record.row();
+            consistent
+                = consistent && kept < keptBefore.size() && keptBefore.at(kept) == record.row();
             ++kept;
             continue;
         }
@@ -482,14 +482,15 @@ void IndexModelPrivate::applyAsLayout(QVector<int> removed, std::vector<Entering
 // with moves for updated rows and inserts for new ones, then tells the views
 // which cells of the updated rows changed. False when the result does not
 // match the index (the caller then lays the model out again).
-bool IndexModelPrivate::applySequence(QVector<int> removed, std::vector<Entering> entering,
-                                      int lo, int hi)
+bool IndexModelPrivate::applySequence(QVector<int> removed, std::vector<Entering> entering, int lo,
+                                      int hi)
 {
     std::sort(removed.begin(), removed.end());
     removed.erase(std::unique(removed.begin(), removed.end()), removed.end());
     for (Entering &e : entering) {
         if (e.cur >= 0)
-            e.cur -= int(std::lower_bound(removed.cbegin(), removed.cend(), e.cur) - removed.cbegin());
+            e.cur -= int(std::lower_bound(removed.cbegin(), removed.cend(), e.cur)
+                         - removed.cbegin());
     }
     for (int last = removed.size() - 1; last >= 0;) {
         int first = last;
@@ -519,8 +520,9 @@ bool IndexModelPrivate::applySequence(QVector<int> removed, std::vector<Entering
         Entering &e = entering[k];
         int cur = -1;
         if (e.cur >= 0) {
-            const auto self = std::find_if(waiting.begin(), waiting.end(),
-                                           [k](const std::pair<int, int> &w) { return w.second == k; });
+            const auto self
+                = std::find_if(waiting.begin(), waiting.end(),
+                               [k](const std::pair<int, int> &w) { return w.second == k; });
             cur = self->first;
             waiting.erase(self);
             for (auto &w : waiting) {
@@ -544,7 +546,8 @@ bool IndexModelPrivate::applySequence(QVector<int> removed, std::vector<Entering
             rows.insert(place, e.record);
             q->endInsertRows();
         } else if (place != cur) {
-            q->beginMoveRows(QModelIndex(), cur, cur, QModelIndex(), place > cur ? place + 1 : place);
+            q->beginMoveRows(QModelIndex(), cur, cur, QModelIndex(),
+                             place > cur ? place + 1 : place);
             rows.remove(cur);
             rows.insert(place, e.record);
             q->endMoveRows();
@@ -775,7 +778,8 @@ QVariant IndexModel::data(const QModelIndex &index, int role) const
         return QVariant::fromValue(d->rows.at(index.row()));
     case ChangeDirectionRole:
     case ChangeAgeRole: {
-        const auto it = d->changes.constFind(qMakePair(d->rows.at(index.row()).row(), index.column()));
+        const auto it
+            = d->changes.constFind(qMakePair(d->rows.at(index.row()).row(), index.column()));
         if (it == d->changes.constEnd())
             return QVariant();
         const qint64 age = d->now() - it.value().at;
@@ -817,9 +821,8 @@ void IndexModel::sort(int column, Qt::SortOrder order)
     std::unique_ptr<IndexList> previous = std::move(d->sortIndex);
     IndexList *next = d->sourceList;
     if (column >= 0 && column < d->columns.size()) {
-        d->sortIndex.reset(
-            new HeaderSortIndex(d->table, d->table->columnName(d->columns.at(column)), order,
-                                d->sourceList));
+        d->sortIndex.reset(new HeaderSortIndex(
+            d->table, d->table->columnName(d->columns.at(column)), order, d->sourceList));
         d->sortIndex->build();
         next = d->sortIndex.get();
     }
