@@ -61,9 +61,10 @@ class Record;
 // its rows with the index under the table's lock. Reading cells takes the
 // table's lock, so a view never sees a row half-written.
 //
-// Ownership: the index is not owned and must outlive the model, or be
-// destroyed first (the model then shows no rows). The header-sort index is
-// owned.
+// Ownership: neither the index nor its table is owned. The index may be
+// destroyed before the model (the model then shows no rows and forgets the
+// table); otherwise the table must outlive the model. The header-sort index
+// is owned.
 //
 // Invariants:
 //  1. Outside the signals, rowCount() is count() of the shown index (capped by
@@ -130,6 +131,7 @@ private:
     void indexEndUpdate() override;
     void indexDestroyed() override;
     Q_INVOKABLE void applyForeignChanges();
+    Q_INVOKABLE void sourceDestroyed();
 
     friend class IndexModelPrivate;
     Q_DISABLE_COPY(IndexModel)

@@ -85,6 +85,7 @@ public:
     {
         return !m_source || m_source->filter(record);
     }
+    void forgetSource() { m_source = nullptr; }
 
 private:
     const Index *m_source;
@@ -113,6 +114,32 @@ private:
 
 } // namespace
 
+// Watches the original index while the model shows its header-sort index,
+// which reads that index's filter(): when the original goes, so does the
+// model's content.
+class SourceWatch : public IndexObserver
+{
+public:
+    explicit SourceWatch(IndexModel *model)
+        : m_model(model)
+    {
+    }
+    void indexRowInserted(int, const Record &) override { }
+    void indexRowRemoved(int, const Record &) override { }
+    void indexRowUpdated(int, int, const Record &, int, int) override { }
+    void indexBatchProcessed(const Batch &) override { }
+    void indexReset() override { }
+    void indexBeginUpdate() override { }
+    void indexEndUpdate() override { }
+    void indexDestroyed() override
+    {
+        QMetaObject::invokeMethod(m_model, "sourceDestroyed", Qt::DirectConnection);
+    }
+
+private:
+    IndexModel *m_model;
+};
+
 class IndexModelPrivate
 {
 public:
@@ -126,7 +153,8 @@ public:
     IndexIterative *source = nullptr;
     IndexList *sourceList = nullptr;
     IndexList *shown = nullptr;
-    std::unique_ptr<IndexList> sortIndex;
+    std::unique_ptr<HeaderSortIndex> sortIndex;
+    std::unique_ptr<SourceWatch> sourceWatch;
     Table *table = nullptr;
     QVector<int> columns;
     PartitionList<Record> rows; // what the view was told
@@ -655,6 +683,8 @@ IndexModel::~IndexModel()
 {
     TableLock lock(d->table);
     d->detach();
+    if (d->sourceWatch && d->sourceList)
+        d->sourceList->removeObserver(d->sourceWatch.get());
     d->sortIndex.reset();
 }
 
@@ -694,8 +724,10 @@ void IndexModel::setColumns(const QStringList &names)
 QStringList IndexModel::columns() const
 {
     QStringList names;
-    for (int column : qAsConst(d->columns))
-        names.append(d->table->columnName(column));
+    if (d->table) {
+        for (int column : qAsConst(d->columns))
+            names.append(d->table->columnName(column));
+    }
     return names;
 }
 
@@ -807,7 +839,7 @@ QVariant IndexModel::data(const QModelIndex &index, int role) const
 
 QVariant IndexModel::headerData(int section, Qt::Orientation orientation, int role) const
 {
-    if (orientation == Qt::Horizontal && role == Qt::DisplayRole && section >= 0
+    if (orientation == Qt::Horizontal && role == Qt::DisplayRole && d->table && section >= 0
         && section < d->columns.size())
         return d->table->columnTitle(d->columns.at(section));
     return QAbstractTableModel::headerData(section, orientation, role);
@@ -818,7 +850,7 @@ void IndexModel::sort(int column, Qt::SortOrder order)
     if (!d->sourceList || !d->table)
         return;
     TableLock lock(d->table);
-    std::unique_ptr<IndexList> previous = std::move(d->sortIndex);
+    std::unique_ptr<HeaderSortIndex> previous = std::move(d->sortIndex);
     IndexList *next = d->sourceList;
     if (column >= 0 && column < d->columns.size()) {
         d->sortIndex.reset(new HeaderSortIndex(
@@ -828,6 +860,14 @@ void IndexModel::sort(int column, Qt::SortOrder order)
     }
     d->detach();
     d->attach(next);
+    if (next == d->sourceList) {
+        if (d->sourceWatch)
+            d->sourceList->removeObserver(d->sourceWatch.get());
+        d->sourceWatch.reset();
+    } else if (!d->sourceWatch) {
+        d->sourceWatch.reset(new SourceWatch(this));
+        d->sourceList->addObserver(d->sourceWatch.get());
+    }
     d->pending.clear();
     d->pendingReset = false;
     d->relayout();
@@ -906,17 +946,26 @@ void IndexModel::indexEndUpdate()
 
 void IndexModel::indexDestroyed()
 {
-    // Only the original index can go away under the model: the sort index is
-    // the model's own.
+    sourceDestroyed();
+}
+
+// Only the original index can go away under the model (the sort index is the
+// model's own); its table may be going too, so the model forgets both.
+void IndexModel::sourceDestroyed()
+{
     const int count = d->rows.count();
     if (count > 0)
         beginRemoveRows(QModelIndex(), 0, count - 1);
     d->shown = nullptr;
     d->sourceList = nullptr;
     d->source = nullptr;
+    d->table = nullptr;
+    d->sourceWatch.reset();
+    // The sort index is not deleted here: the table may be in its destructor.
+    // It stays registered, accepting every row, until the model goes.
     if (d->sortIndex) {
         d->sortIndex->removeObserver(this);
-        d->sortIndex.reset();
+        d->sortIndex->forgetSource();
     }
     d->rows.clear();
     d->pending.clear();
