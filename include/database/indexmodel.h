@@ -30,8 +30,16 @@ class Record;
 // shown as one layoutChanged with the persistent indexes remapped (a row that
 // left the index loses its persistent indexes): views answer one layout
 // change far faster than many moves, each of which makes a header view walk
-// all its sections. clear, build, resort and
-// IndexList::move/removeRanges are shown the same way. The model never resets.
+// all its sections. clear, build, resort and IndexList::move/removeRanges are
+// shown the same way. Changes of the data never reset the model; only
+// setColumns() does.
+//
+//     idle --change outside a bracket--> signals at once --> idle
+//       |                                                     ^
+//       +--beginUpdate--> collecting --endUpdate--> signals --+
+//
+// REQUIRES: no Table::addColumn() on the table while a model shows it (the
+// model holds Records, which addColumn() must not find outside the indexes).
 //
 // The model keeps its own list of the rows the view was last told about (one
 // counted Record each), so a view never reads a row that was freed and rows
