@@ -18,7 +18,7 @@ clang-format --dry-run --Werror "${sources[@]}"
 
 echo "== address,undefined sanitizer build"
 cmake -S . -B build/asan -G Ninja -DCMAKE_BUILD_TYPE=Debug \
-      -DDATABASE_SANITIZE=address,undefined -DDATABASE_BUILD_BENCH=OFF >/dev/null
+      -DDATABASE_SANITIZE=address,undefined -DDATABASE_BUILD_BENCH=OFF -DDATABASE_BUILD_EXAMPLES=ON >/dev/null
 cmake --build build/asan -j"$jobs"
 (cd build/asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
      ctest --output-on-failure -j"$jobs" -E install_consumer)
@@ -49,6 +49,6 @@ if [ -f fuzz/CMakeLists.txt ]; then
 fi
 
 echo "== plain build and the whole suite"
-cmake -S . -B build/debug -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDATABASE_BUILD_BENCH=ON >/dev/null
+cmake -S . -B build/debug -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDATABASE_BUILD_BENCH=ON -DDATABASE_BUILD_EXAMPLES=ON >/dev/null
 cmake --build build/debug -j"$jobs"
 cd build/debug && ctest --output-on-failure -j"$jobs"

@@ -24,6 +24,8 @@
 #include <database/indexdepend.h>
 #include <database/indexlimit.h>
 #include <database/indexlist.h>
+#include <database/indexmodel.h>
+#include <database/indexobserver.h>
 #include <database/indexsort.h>
 #include <database/indexsortcolumns.h>
 #include <database/indexvector.h>

@@ -10,6 +10,8 @@
 #include <QString>
 
 class IndexListPrivate;
+class IndexObserver;
+class IndexObservers;
 
 // IndexIterative: the interface of an index whose rows can be walked in order.
 //
@@ -66,6 +68,10 @@ protected:
 // under the table's lock (released also when filter() or add() throws): a
 // build is complete and idempotent, whoever calls it.
 //
+// Observers (IndexObserver) are told where rows went after every change; the
+// index does not own them, and tells them when it is destroyed. An index
+// without observers pays one pointer test per change.
+//
 // Threads: not synchronised; as every index, driven by the thread that changes
 // the table, under the table's lock.
 class DATABASE_EXPORT IndexList : public Index, public IndexIterative
@@ -109,9 +115,20 @@ public:
     // Bytes held by the record list (PartitionList::memoryUsage), not the rows.
     qint64 memoryUsage() const;
 
+    // --- observers of positional changes ---
+    // REQUIRES: called under the table's lock (or before the table changes);
+    // adding an observer twice registers it once.
+    void addObserver(IndexObserver *observer);
+    void removeObserver(IndexObserver *observer);
+    // Forward the table's outermost change bracket to the observers.
+    void beginUpdate() override;
+    void endUpdate() override;
+
 protected:
     PartitionList<Record> &records();
     const PartitionList<Record> &records() const;
+    // Null while the index has no observer.
+    IndexObservers *observers() const;
 
 private:
     Q_DISABLE_COPY(IndexList)

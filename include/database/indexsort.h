@@ -124,8 +124,9 @@ private:
     Q_DISABLE_COPY(IndexSort)
     int lowerBound(const Record &record) const;
     int upperBound(const Record &record, int low) const;
-    // Moves the record at `position` to its upper bound.
-    void reposition(const Record &record, int position);
+    // Moves the record at `position` to its upper bound; columns first..last
+    // changed (told to the observers).
+    void reposition(const Record &record, int position, int first, int last);
     // The positions noted by preprocess() for exactly these rows, if they
     // still hold them; otherwise indexOfs().
     QVector<int> leavingPositions(const QList<Record> &leaving) const;

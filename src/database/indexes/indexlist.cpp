@@ -1,11 +1,15 @@
 #include <database/indexlist.h>
 
+#include "indexes/indexobservers_p.h"
+
 #include <database/core/icore.h>
 #include <database/masterindex_struct.h>
 #include <database/table.h>
 
 #include <QDebug>
 #include <QPointer>
+
+#include <memory>
 
 class IndexListPrivate
 {
@@ -14,6 +18,7 @@ public:
     QPointer<Table> table;
     PartitionList<Record> records;
     bool registered = false;
+    std::unique_ptr<IndexObservers> observers;
 };
 
 namespace {
@@ -50,12 +55,23 @@ void IndexList::init(Table *table, bool registered)
         registerWith(table);
 }
 
-// A registered index leaves its table's registry in ~Index().
-IndexList::~IndexList() = default;
+// A registered index leaves its table's registry in ~Index(); its observers
+// learn first that it goes.
+IndexList::~IndexList()
+{
+    if (d->observers) {
+        const QVector<IndexObserver *> observers = d->observers->list;
+        d->observers.reset();
+        for (IndexObserver *observer : observers)
+            observer->indexDestroyed();
+    }
+}
 
 void IndexList::clear()
 {
     d->records.clear();
+    if (d->observers)
+        d->observers->reset();
 }
 
 void IndexList::build()
@@ -68,6 +84,7 @@ void IndexList::build()
     // The master index is where the rows live; it cannot be built from itself.
     if (!master || static_cast<const IndexList *>(master) == this)
         return;
+    IndexResetScope resetting(d->observers.get());
     clear();
     for (auto it = master->begin(), end = master->end(); it != end; ++it)
         add(*it);
@@ -75,8 +92,11 @@ void IndexList::build()
 
 void IndexList::add(const Record &record)
 {
-    if (filter(record))
-        d->records.append(record);
+    if (!filter(record))
+        return;
+    d->records.append(record);
+    if (d->observers)
+        d->observers->inserted(d->records.count() - 1, record);
 }
 
 bool IndexList::remove(const Record &record, int position)
@@ -86,6 +106,12 @@ bool IndexList::remove(const Record &record, int position)
         position = indexOf(record);
     if (position < 0)
         return false;
+    if (d->observers) {
+        const Record leaving = list.at(position);
+        list.remove(position);
+        d->observers->removed(position, leaving);
+        return true;
+    }
     list.remove(position);
     return true;
 }
@@ -162,11 +188,15 @@ void IndexList::move(int first, int last, int to)
     taken.addRange(first, last + 1);
     list.removeRanges(taken);
     list.insert(qMin(to, list.count()), block);
+    if (d->observers)
+        d->observers->reset();
 }
 
 void IndexList::removeRanges(const RangeSet<int> &ranges)
 {
     d->records.removeRanges(ranges);
+    if (d->observers)
+        d->observers->reset();
 }
 
 Record IndexList::at(int position) const
@@ -194,4 +224,44 @@ PartitionList<Record> &IndexList::records()
 const PartitionList<Record> &IndexList::records() const
 {
     return d->records;
+}
+
+// --- observers --------------------------------------------------------------------
+
+void IndexList::addObserver(IndexObserver *observer)
+{
+    if (!observer)
+        return;
+    if (!d->observers)
+        d->observers.reset(new IndexObservers);
+    if (!d->observers->list.contains(observer))
+        d->observers->list.append(observer);
+}
+
+void IndexList::removeObserver(IndexObserver *observer)
+{
+    if (!d->observers)
+        return;
+    d->observers->list.removeAll(observer);
+    if (d->observers->list.isEmpty())
+        d->observers.reset();
+}
+
+IndexObservers *IndexList::observers() const
+{
+    return d->observers.get();
+}
+
+void IndexList::beginUpdate()
+{
+    if (d->observers)
+        for (IndexObserver *observer : d->observers->list)
+            observer->indexBeginUpdate();
+}
+
+void IndexList::endUpdate()
+{
+    if (d->observers)
+        for (IndexObserver *observer : d->observers->list)
+            observer->indexEndUpdate();
 }

@@ -1,5 +1,7 @@
 #include <database/indexsort.h>
 
+#include "indexes/indexobservers_p.h"
+
 #include <database/concurrentsort.h>
 #include <database/masterindex_struct.h>
 #include <database/table.h>
@@ -66,6 +68,64 @@ int searchBinary(const PartitionList<T> &list, const T &key, int from, CompareFn
     }
     return result;
 }
+
+// Tells the observers of a sorted index where a batch took its rows from and
+// put them, when it goes out of scope (after the batch, also on an early
+// return). Costs nothing without observers.
+class IndexBatchReport
+{
+public:
+    IndexBatchReport(IndexObservers *observers, const QList<Record> &leaving,
+                     const QVector<int> &positions, int first, int last)
+        : m_observers(observers)
+    {
+        if (!m_observers)
+            return;
+        m_batch.leaving = leaving;
+        m_batch.leavingPositions = positions;
+        m_batch.firstColumn = first;
+        m_batch.lastColumn = last;
+    }
+    ~IndexBatchReport()
+    {
+        if (m_observers)
+            m_observers->batch(m_batch);
+    }
+    IndexBatchReport(const IndexBatchReport &) = delete;
+    IndexBatchReport &operator=(const IndexBatchReport &) = delete;
+
+    // The entering rows in an order the index no longer tells.
+    void setEnteringUnplaced(const QList<Record> &entering)
+    {
+        if (m_observers)
+            m_batch.entering = entering;
+    }
+    // The entering rows (in key order) went in as one run at `position`.
+    void setEnteringFrom(const QList<Record> &entering, int position)
+    {
+        if (!m_observers)
+            return;
+        m_batch.entering = entering;
+        m_batch.enteringPositions.resize(m_batch.entering.size());
+        for (int i = 0; i < m_batch.entering.size(); ++i)
+            m_batch.enteringPositions[i] = position + i;
+    }
+    // Each entering row (in key order) went to its upper bound `targets[i]` in
+    // the list without the batch; the rows merged before it shift it by i.
+    void setEnteringTargets(const QList<Record> &entering, const QVector<int> &targets)
+    {
+        if (!m_observers)
+            return;
+        m_batch.entering = entering;
+        m_batch.enteringPositions.resize(targets.size());
+        for (int i = 0; i < targets.size(); ++i)
+            m_batch.enteringPositions[i] = targets.at(i) + i;
+    }
+
+private:
+    IndexObservers *m_observers;
+    IndexObserver::Batch m_batch;
+};
 
 } // namespace
 
@@ -259,6 +319,7 @@ void IndexSort::build()
         if (filter(*it))
             rows.append(*it);
     }
+    IndexResetScope resetting(observers());
     clear();
     records().insert(0, rows);
     resort();
@@ -272,20 +333,23 @@ void IndexSort::add(const Record &record)
     const int n = list.count();
     // Rows often arrive in key order (builds, re-laying, ordered masters):
     // the upper bound is then the end, known from one comparison.
-    if (n == 0 || compare(list.at(n - 1), record) <= 0)
-        list.insert(n, record);
-    else
-        list.insert(indexOfAdd(record), record);
+    const int position = n == 0 || compare(list.at(n - 1), record) <= 0 ? n : indexOfAdd(record);
+    list.insert(position, record);
+    if (IndexObservers *observers = this->observers())
+        observers->inserted(position, record);
 }
 
-void IndexSort::reposition(const Record &record, int position)
+void IndexSort::reposition(const Record &record, int position, int first, int last)
 {
     PartitionList<Record> &list = records();
     list.remove(position);
-    list.insert(indexOfAdd(record), record);
+    const int to = indexOfAdd(record);
+    list.insert(to, record);
+    if (IndexObservers *observers = this->observers())
+        observers->updated(position, to, record, first, last);
 }
 
-void IndexSort::update(const Record &changed, int, int, int position)
+void IndexSort::update(const Record &changed, int first, int last, int position)
 {
     // A copy: `changed` may be a handle stored in this very list.
     const Record record = changed;
@@ -322,14 +386,16 @@ void IndexSort::update(const Record &changed, int, int, int position)
                     .warning()
                 << "update"
                 << "Full search can impact the performance";
-            reposition(record, found);
+            reposition(record, found, first, last);
             return;
         }
     }
     const bool afterPrevious = position == 0 || compare(list.at(position - 1), record) <= 0;
     const bool beforeNext = position + 1 >= n || compare(record, list.at(position + 1)) <= 0;
     if (!afterPrevious || !beforeNext)
-        reposition(record, position);
+        reposition(record, position, first, last);
+    else if (IndexObservers *observers = this->observers())
+        observers->updated(position, position, record, first, last);
 }
 
 void IndexSort::clear()
@@ -358,14 +424,16 @@ QVector<int> IndexSort::leavingPositions(const QList<Record> &leaving) const
     return noted ? d->positions : indexOfs(leaving);
 }
 
-void IndexSort::process(const QList<Record> &removed, const QList<Record> &updated, int, int,
-                        const QList<Record> &inserted)
+void IndexSort::process(const QList<Record> &removed, const QList<Record> &updated, int first,
+                        int last, const QList<Record> &inserted)
 {
     PartitionList<Record> &list = records();
     const QList<Record> leaving = removed + updated;
     QVector<int> positions = leaving.isEmpty() ? QVector<int>() : leavingPositions(leaving);
     d->leaving.clear();
     d->positions.clear();
+    // Filled only for observers: what they are told once the batch is in.
+    IndexBatchReport report(observers(), leaving, positions, first, last);
 
     if (list.count() > 0 && !positions.isEmpty()) {
         std::sort(positions.begin(), positions.end());
@@ -402,14 +470,20 @@ void IndexSort::process(const QList<Record> &removed, const QList<Record> &updat
         // Appending in arrival order and sorting stably gives the same order
         // as merging, with the sort spread over the thread pool.
         list.insert(0, entering);
-        if (!sorted)
+        if (!sorted) {
+            IndexQuietScope quiet(observers());
             resort();
+            report.setEnteringUnplaced(entering);
+        } else {
+            report.setEnteringFrom(entering, 0);
+        }
         return;
     }
 
     if (!sorted)
         std::stable_sort(entering.begin(), entering.end(), LessThan(this));
     if (compare(list.at(list.count() - 1), entering.constFirst()) <= 0) {
+        report.setEnteringFrom(entering, list.count());
         list.insert(list.count(), entering);
         return;
     }
@@ -419,6 +493,7 @@ void IndexSort::process(const QList<Record> &removed, const QList<Record> &updat
         low = upperBound(entering.at(i), low);
         targets[i] = low;
     }
+    report.setEnteringTargets(entering, targets);
     // Runs bound for the same position go in together; from the back, so the
     // positions computed on the unchanged list stay valid.
     int end = entering.size();
@@ -439,4 +514,6 @@ void IndexSort::resort()
     PartitionList<Record> &list = records();
     if (list.count() > 1)
         ConcurrentSort::stableSortHelper(list.begin(), list.end(), LessThan(this));
+    if (IndexObservers *observers = this->observers())
+        observers->reset();
 }
