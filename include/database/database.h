@@ -39,6 +39,7 @@
 #include <database/table.h>
 #include <database/tableio.h>
 #include <database/tablerebuilder.h>
+#include <database/version.h>
 #include <database/volat.h>
 #include <database/watchindex.h>
 

@@ -118,6 +118,13 @@ public:
     static const int CompressionLevel = 6;
     static const int CompressionBufferSize = 65500;
 
+    // The form of a table file saved to a directory.
+    enum class Compression {
+        HostDefault, // as ICore::compressTableFiles() says at the time of the save
+        Plain, // the plain file, fileName()
+        Gzip // the gzip file, compressedFileName()
+    };
+
     // The in-memory form of the file header, fields in file order.
     struct DATABASE_EXPORT TableHeader
     {
@@ -193,6 +200,12 @@ public:
     // host's switch (ICore::compressTableFiles, asked on every save) is on.
     bool write(FilterProgress &progress, const QDir &dir, bool withRows);
     bool write(const QDir &dir);
+    // The same with the form chosen for this call: Plain or Gzip whatever the
+    // host's switch says, HostDefault to ask the switch as above. One table
+    // can thus be saved compressed without changing the process-wide switch,
+    // which other threads may be reading.
+    bool write(FilterProgress &progress, const QDir &dir, bool withRows, Compression compression);
+    bool write(const QDir &dir, Compression compression);
 
     // --- loading ---
     // Loads from a stream (see the states above). With `addColumns` the file's
