@@ -25,6 +25,7 @@
 #include <database/indexlimit.h>
 #include <database/indexlist.h>
 #include <database/indexsort.h>
+#include <database/indexsortcolumns.h>
 #include <database/indexvector.h>
 #include <database/logfile.h>
 #include <database/masterindex.h>

@@ -1,12 +1,12 @@
 #include <database/masterindex_column.h>
 
+#include "indexes/cellcompare_p.h"
+
 #include <database/decimal.h>
 #include <database/exception.h>
 #include <database/table.h>
 
 #include <QDateTime>
-
-#include <cstring>
 
 namespace {
 
@@ -32,56 +32,6 @@ QList<const TableColumnDef *> columnsByPosition(const Table *table, const QList<
         columns << column;
     }
     return columns;
-}
-
-template <typename T> T cellValue(const unsigned char *row, const TableColumnDef *column)
-{
-    T value;
-    std::memcpy(&value, row + 16 + column->offset, sizeof(T));
-    return value;
-}
-
-template <typename T> int order(const T &a, const T &b)
-{
-    return a < b ? -1 : (b < a ? 1 : 0);
-}
-
-// Ordinal comparison of two string cells of `length` UTF-16 units, each text
-// ending at its first zero unit or at the end of the cell.
-int compareUnits(const unsigned char *a, const unsigned char *b, int length)
-{
-    for (int i = 0; i < length; ++i) {
-        ushort ua;
-        ushort ub;
-        std::memcpy(&ua, a + 2 * i, sizeof(ua));
-        std::memcpy(&ub, b + 2 * i, sizeof(ub));
-        if (ua != ub)
-            return ua < ub ? -1 : 1;
-        if (ua == 0)
-            return 0;
-    }
-    return 0;
-}
-
-int compareCells(const unsigned char *a, const unsigned char *b, const TableColumnDef *column)
-{
-    switch (column->type) {
-    case FieldType::Integer:
-        return order(cellValue<qint32>(a, column), cellValue<qint32>(b, column));
-    case FieldType::Integer64:
-    case FieldType::DateTime:
-        return order(cellValue<qint64>(a, column), cellValue<qint64>(b, column));
-    case FieldType::Double:
-        return order(cellValue<double>(a, column), cellValue<double>(b, column));
-    case FieldType::Decimal: {
-        const int c = cellValue<decimal>(a, column).compare(cellValue<decimal>(b, column));
-        return c < 0 ? -1 : (c > 0 ? 1 : 0);
-    }
-    case FieldType::VarChar:
-        return compareUnits(a + 16 + column->offset, b + 16 + column->offset, column->length);
-    default:
-        return 0;
-    }
 }
 
 [[noreturn]] void cannotConvert(const QString &part, FieldType::Type type)
@@ -177,13 +127,7 @@ int MasterIndex_Column_Pure::compare(const Record &first, const Record &second) 
     const unsigned char *a = first.row();
     const unsigned char *b = second.row();
     for (const TableColumnDef *column : keyColumns()) {
-        const bool aPresent = (a[16 + column->flagOffset] & column->flagMask) != 0;
-        const bool bPresent = (b[16 + column->flagOffset] & column->flagMask) != 0;
-        if (aPresent != bPresent)
-            return aPresent ? 1 : -1;
-        if (!aPresent)
-            continue;
-        const int c = compareCells(a, b, column);
+        const int c = CellCompare::compareColumn(a, b, column);
         if (c != 0)
             return c;
     }

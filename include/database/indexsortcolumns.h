@@ -1,0 +1,61 @@
+#ifndef DATABASE_INDEXSORTCOLUMNS_H
+#define DATABASE_INDEXSORTCOLUMNS_H
+
+#include <database/indexsort.h>
+
+#include <QMetaType>
+#include <QString>
+#include <QVector>
+
+class IndexSortColumnsPrivate;
+
+// One key column of an IndexSortColumns: the column's name (matched
+// case-insensitively, as the table does) and its direction.
+struct SortColumn
+{
+    QString name;
+    Qt::SortOrder order = Qt::AscendingOrder;
+};
+Q_DECLARE_METATYPE(SortColumn)
+
+// IndexSortColumns: a sorted index whose key is a list of the table's columns,
+// each ascending or descending; the index a user would otherwise write by hand
+// as an IndexSort subclass reading cells.
+//
+// Ordering (compare): the first key column whose cells differ decides, its
+// direction applied. Within one column, ascending: a null cell sorts before a
+// present one and two nulls are equal; present cells compare by value:
+// Integer, Integer64 and DateTime as signed integers, Double as a
+// floating-point number, Decimal by value (1.5 == 1.50), VarChar as text by
+// UTF-16 units. Cells of other types (BoardList) are equal. Descending
+// reverses the whole column, nulls included. Rows with equal keys keep their
+// arrival order (IndexSort's invariant 2). The same row compares 0 and the
+// null record sorts before every row.
+//
+// Construction: the key columns are resolved once, by name. A name the table
+// does not have is reported with a warning and left out of the key; with no
+// key column left, every row compares equal and the index keeps arrival order.
+// The table's column definitions are not owned; the index must not outlive
+// its table.
+//
+// Threads: as IndexSort.
+class DATABASE_EXPORT IndexSortColumns : public IndexSort
+{
+public:
+    IndexSortColumns(Table *table, const QVector<SortColumn> &columns, bool registered = true);
+    IndexSortColumns(Table *table, const QString &column, Qt::SortOrder order = Qt::AscendingOrder,
+                     bool registered = true);
+    ~IndexSortColumns() override;
+
+    // The key columns in effect, in key order (unknown names left out), each
+    // with the table's spelling of its name.
+    QVector<SortColumn> columns() const;
+    int compare(const Record &a, const Record &b) const override;
+    const char *getClassName() const override;
+
+private:
+    Q_DISABLE_COPY(IndexSortColumns)
+    const QScopedPointer<IndexSortColumnsPrivate> d;
+};
+
+#endif // DATABASE_INDEXSORTCOLUMNS_H

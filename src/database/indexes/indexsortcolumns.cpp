@@ -1,0 +1,72 @@
+#include <database/indexsortcolumns.h>
+
+#include "indexes/cellcompare_p.h"
+#include <database/table.h>
+
+#include <QMessageLogger>
+
+class IndexSortColumnsPrivate
+{
+public:
+    struct Key
+    {
+        const TableColumnDef *column;
+        bool descending;
+    };
+    QVector<Key> keys;
+};
+
+IndexSortColumns::IndexSortColumns(Table *table, const QVector<SortColumn> &columns,
+                                   bool registered)
+    : IndexSort(table, registered)
+    , d(new IndexSortColumnsPrivate)
+{
+    for (const SortColumn &sortColumn : columns) {
+        const TableColumnDef *column = table ? table->columnDef(sortColumn.name) : nullptr;
+        if (!column) {
+            qWarning("IndexSortColumns: no column '%s' in the table; it is left out of the key",
+                     qPrintable(sortColumn.name));
+            continue;
+        }
+        d->keys.append({ column, sortColumn.order == Qt::DescendingOrder });
+    }
+}
+
+IndexSortColumns::IndexSortColumns(Table *table, const QString &column, Qt::SortOrder order,
+                                   bool registered)
+    : IndexSortColumns(table, QVector<SortColumn> { SortColumn { column, order } }, registered)
+{
+}
+
+IndexSortColumns::~IndexSortColumns() = default;
+
+const char *IndexSortColumns::getClassName() const
+{
+    return "IndexSortColumns";
+}
+
+QVector<SortColumn> IndexSortColumns::columns() const
+{
+    QVector<SortColumn> result;
+    result.reserve(d->keys.size());
+    for (const IndexSortColumnsPrivate::Key &key : qAsConst(d->keys))
+        result.append(
+            { key.column->name, key.descending ? Qt::DescendingOrder : Qt::AscendingOrder });
+    return result;
+}
+
+int IndexSortColumns::compare(const Record &first, const Record &second) const
+{
+    const unsigned char *a = first.row();
+    const unsigned char *b = second.row();
+    if (a == b)
+        return 0;
+    if (!a || !b)
+        return a ? 1 : -1;
+    for (const IndexSortColumnsPrivate::Key &key : qAsConst(d->keys)) {
+        const int c = CellCompare::compareColumn(a, b, key.column);
+        if (c != 0)
+            return key.descending ? -c : c;
+    }
+    return 0;
+}
