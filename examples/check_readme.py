@@ -2,7 +2,8 @@
 """Checks that every README code block marked with
 <!-- example: <file> [<snippet>] --> equals that snippet of the example: the
 lines between the two "//! [<snippet>]" markers, without their common indent.
-Usage: check_readme.py README.md examples/"""
+Usage: check_readme.py README.md examples/ [--update]
+With --update the README's blocks are rewritten from the examples instead."""
 import re
 import sys
 
@@ -25,6 +26,18 @@ def snippet(path, name):
     return '\n'.join(l[indent:] for l in lines)
 
 
+def update(readme, examples):
+    with open(readme, encoding='utf-8') as text:
+        content = text.read()
+
+    def quote(match):
+        code = snippet('%s/%s' % (examples, match.group(1)), match.group(2))
+        return '<!-- example: %s [%s] -->\n```cpp\n%s\n```' % (match.group(1), match.group(2),
+                                                              code if code else match.group(3))
+    with open(readme, 'w', encoding='utf-8') as text:
+        text.write(MARK.sub(quote, content))
+
+
 def main(readme, examples):
     with open(readme, encoding='utf-8') as text:
         blocks = MARK.findall(text.read())
@@ -40,4 +53,6 @@ def main(readme, examples):
 
 
 if __name__ == '__main__':
+    if sys.argv[3:] == ['--update']:
+        update(sys.argv[1], sys.argv[2])
     sys.exit(main(sys.argv[1], sys.argv[2]))

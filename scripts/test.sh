@@ -28,7 +28,7 @@ cmake --build build/asan -j"$jobs"
 echo "== thread sanitizer build (threaded code)"
 cmake -S . -B build/tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug \
       -DDATABASE_SANITIZE=thread -DDATABASE_BUILD_BENCH=OFF -DDATABASE_BUILD_TOOLS=OFF \
-      -DDATABASE_BUILD_TESTS=ON >/dev/null
+      -DDATABASE_BUILD_TESTS=ON -DDATABASE_BUILD_EXAMPLES=ON >/dev/null
 cmake --build build/tsan -j"$jobs"
 (cd build/tsan && ctest --output-on-failure -L threads --no-tests=ignore)
 

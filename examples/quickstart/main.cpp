@@ -7,26 +7,8 @@
 
 #include <QTextStream>
 
-// A sorted view is a subclass of IndexSort that says how two rows compare.
-// Once created it follows every change of its table by itself: inserts,
-// updates and removals reach it at once, so it is always in order.
-class ByPrice : public IndexSort
-{
-public:
-    explicit ByPrice(Table *table)
-        : IndexSort(table)
-    {
-    }
-    int compare(const Record &a, const Record &b) const override
-    {
-        const decimal left = a.data(QStringLiteral("price")).get<decimal>();
-        const decimal right = b.data(QStringLiteral("price")).get<decimal>();
-        return left < right ? -1 : right < left ? 1 : 0;
-    }
-};
-
 // Prints the view from cheapest to dearest.
-static void print(const ByPrice &view, const char *title)
+static void print(const IndexSort &view, const char *title)
 {
     QTextStream out(stdout);
     out << title << ":\n";
@@ -49,9 +31,12 @@ int main()
     //! [table]
 
     //! [view]
-    // The table owns its indexes' registry, not the index objects: keep them
-    // alive as long as the table (here, on the stack after the table).
-    ByPrice byPrice(&quotes);
+    // A sorted view over chosen columns. It follows every change of its table
+    // by itself: inserts, updates and removals reach it at once, so it is
+    // always in order. (For another order, subclass IndexSort and write
+    // compare().) The table does not own its indexes: keep them alive as long
+    // as the table (here, on the stack after the table).
+    IndexSortColumns byPrice(&quotes, QStringLiteral("price"));
     //! [view]
 
     //! [transaction]
