@@ -7,6 +7,7 @@
 #include <QCoreApplication>
 #include <QDebug>
 
+#include <memory>
 #include <new>
 
 namespace {
@@ -314,9 +315,10 @@ Transaction::Transaction(Table *table)
 Transaction *Transaction::fromBatch(const RecordsTrans &trans)
 {
     Table *table = trans.table();
-    auto *command = new Transaction(table);
+    // Owned here until complete: a failed copy must not leak the command.
+    std::unique_ptr<Transaction> command(new Transaction(table));
     if (!table)
-        return command;
+        return command.release();
     // Copies, not the rows themselves: the batch is about to overwrite the
     // updated rows in place, and the command must keep the content it undoes
     // to (or redoes) whatever happens to the table's rows later.
@@ -325,19 +327,16 @@ Transaction *Transaction::fromBatch(const RecordsTrans &trans)
     const QList<Record> before = trans.updateList();
     const QList<Record> after = trans.changeList();
     for (const Record &record : removed)
-        new TransDelete(record.clone(), command);
+        new TransDelete(cloneOrThrow(record), command.get());
     for (int i = 0; i < before.size() && i < after.size(); ++i)
-        new TransUpdate(before.at(i).clone(), after.at(i).clone(), command);
+        new TransUpdate(cloneOrThrow(before.at(i)), cloneOrThrow(after.at(i)), command.get());
     for (const Record &record : inserted)
-        new TransInsert(record.clone(), command);
-    command->setText(QCoreApplication::translate("Undo",
-                                                 "Change %1: %2 inserted, %3 changed, "
-                                                 "%4 deleted")
-                         .arg(table->name())
-                         .arg(inserted.size())
-                         .arg(before.size())
-                         .arg(removed.size()));
-    return command;
+        new TransInsert(cloneOrThrow(record), command.get());
+    command->setText(
+        QCoreApplication::translate("Undo", "Change %1: %2 inserted, %3 changed, %4 deleted")
+            .arg(table->name(), QString::number(inserted.size()), QString::number(before.size()),
+                 QString::number(removed.size())));
+    return command.release();
 }
 
 Transaction::~Transaction() = default;
