@@ -89,6 +89,11 @@ public:
 // translation.", a refused conversion of FieldDefConvertor), and whatever the
 // caller's FilterProgress throws.
 //
+// A file of another layout still loads: its columns are matched to the
+// table's by name (and by the caller's Convertors), and the load warns, naming
+// the table and the columns, when file columns reach no column of the table or
+// table columns get nothing from the file, with the way to bring them along.
+//
 // Hostile input: every count and length read from a stream is checked before
 // it is used and nothing is reserved on the word of a file: a header with a
 // negative or inconsistent count, an unknown type, a VarChar longer than 32767
