@@ -1,5 +1,7 @@
 #include <database/deflatedevice.h>
 
+#include "testsupport.h"
+
 #include <QtTest>
 
 #include <memory>
@@ -30,30 +32,7 @@ std::unique_ptr<DeflateDevice> deflateOn(QIODevice *device, Format format, int b
     return deflater;
 }
 
-// A buffer whose reads and writes fail while `failing` is set; built over
-// data, it starts open for reading.
-class FlakyDevice : public QBuffer
-{
-public:
-    FlakyDevice() = default;
-    explicit FlakyDevice(const QByteArray &data)
-    {
-        setData(data);
-        open(ReadOnly);
-    }
-    bool failing = false;
-
-protected:
-    qint64 readData(char *to, qint64 n) override
-    {
-        return failing ? fail() : QBuffer::readData(to, n);
-    }
-    qint64 writeData(const char *from, qint64 n) override
-    {
-        return failing ? fail() : QBuffer::writeData(from, n);
-    }
-    qint64 fail() { return setErrorString("injected failure"), -1; }
-};
+using TestSupport::FaultyDevice;
 
 QByteArray compress(const QByteArray &data, Format format, int level = 6)
 {
@@ -119,18 +98,18 @@ void TestDeflateDevice::roundTrip()
     // new, must neither fail nor (with tiny buffers) repeat flush markers forever.
     writer->flush();
     writer->flush();
-    FlakyDevice flushed(target.data());
+    FaultyDevice flushed(target.data());
     auto flushedReader = deflateOn(&flushed, format);
     flushedReader->open(QIODevice::ReadOnly | QIODevice::Unbuffered);
     QCOMPARE(flushedReader->read(half.size()), half);
     // Read in small pieces, the bytes decoded just before the input runs out
     // still arrive.
-    FlakyDevice piecewise(target.data());
+    FaultyDevice piecewise(target.data());
     QCOMPARE(decompress(&piecewise, format, bufferSize), half);
     QCOMPARE(writer->write(data.mid(half.size())), qint64(data.size() - half.size()));
     writer->close();
     QCOMPARE(writer->errorString(), kNoError);
-    FlakyDevice written(target.data());
+    FaultyDevice written(target.data());
     // Nothing written: no header, no trailer.
     QCOMPARE(data.isEmpty() ? target.data() : decompress(&written, format, bufferSize), data);
 }
@@ -157,7 +136,7 @@ void TestDeflateDevice::streamEndingAnywhereInTheBuffer()
                     continue;
                 offsets.insert(offset);
                 for (const QByteArray &after : { trailer, trailer.left(3), QByteArray() }) {
-                    FlakyDevice source(stream + after);
+                    FaultyDevice source(stream + after);
                     QCOMPARE(decompress(&source, format, bufferSize, 4096), data);
                     QCOMPARE(source.read(after.size()), after);
                     QVERIFY(source.bytesAvailable() <= 1); // at most the one stray byte
@@ -205,8 +184,8 @@ void TestDeflateDevice::misuseAndFailures()
     // A truncated stream reads as "nothing yet", not as an error; a corrupt
     // one, or an underlying device that fails, fails for good.
     const QByteArray data = sampleData(1000), stream = compress(data, DeflateDevice::GzipFormat);
-    FlakyDevice truncated(stream.left(stream.size() / 2)), failing(stream);
-    FlakyDevice corrupt("\x78\x9c\xff\xff\xff\xff garbage");
+    FaultyDevice truncated(stream.left(stream.size() / 2)), failing(stream);
+    FaultyDevice corrupt("\x78\x9c\xff\xff\xff\xff garbage");
     failing.failing = true;
     QVERIFY(data.startsWith(decompress(&truncated, DeflateDevice::GzipFormat)));
     QCOMPARE(decompress(&corrupt, DeflateDevice::ZlibFormat),
@@ -215,7 +194,7 @@ void TestDeflateDevice::misuseAndFailures()
              "read failed: Error reading data from underlying device: injected failure");
     // A write fails at once, or (a tiny one) only with the trailer that close() writes.
     for (bool early : { true, false }) {
-        FlakyDevice target;
+        FaultyDevice target;
         target.failing = early;
         writer = deflateOn(&target, DeflateDevice::GzipFormat, early ? 16 : 65500);
         QVERIFY(writer->open(QIODevice::WriteOnly));
@@ -241,19 +220,15 @@ void TestDeflateDevice::interoperatesWithPython()
         QSKIP("python3 not found");
     const QString script = QStringLiteral(TESTS_SOURCE_DIR "/deflate_interop.py");
     auto run = [](const QString &program, const QStringList &arguments, const QByteArray &input) {
-        QProcess process;
-        process.start(program, arguments);
-        process.write(input);
-        process.closeWriteChannel();
-        process.waitForFinished(-1);
-        return process.exitCode() == 0 ? process.readAllStandardOutput() : "process failed";
+        const TestSupport::ProgramRun run = TestSupport::runProgram(program, arguments, input);
+        return run.ok ? run.out : "process failed: " + run.err;
     };
     const QByteArray data = sampleData(200000);
     const QString windowBits[] = { "15", "31", "-15" };
     for (Format format : kFormats) {
         QCOMPARE(run(python, { script, "decompress", windowBits[format] }, compress(data, format)),
                  data);
-        FlakyDevice theirs(run(python, { script, "compress", windowBits[format] }, data));
+        FaultyDevice theirs(run(python, { script, "compress", windowBits[format] }, data));
         QCOMPARE(decompress(&theirs, format), data);
     }
     const QString gzip = QStandardPaths::findExecutable("gzip");

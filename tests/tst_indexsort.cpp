@@ -4,11 +4,11 @@
 
 #include "indexchecker.h"
 #include "testindexes.h"
+#include "testsupport.h"
 
 #include <database/core/icore.h>
 #include <database/database.h>
 
-#include <QtConcurrent>
 #include <QtTest>
 
 using namespace TestIndexes;
@@ -78,10 +78,7 @@ void tst_IndexSort::listByNameAndLock()
         return idOf(row) == 3 ? throw QStringLiteral("refused") : true;
     });
     QVERIFY_EXCEPTION_THROWN(throwing.build(), QString);
-    QtConcurrent::run([this] {
-        table->lock();
-        table->unlock();
-    }).waitForFinished();
+    QVERIFY(TestSupport::lockableElsewhere(*table));
 }
 
 void tst_IndexSort::update_data()

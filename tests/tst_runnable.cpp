@@ -73,7 +73,7 @@ void TestRunnable::stopWaitsForTheTask()
         QCOMPARE(spy.at(2 * round).at(0).value<void *>(), handle);
         QCOMPARE(spy.at(2 * round + 1).at(0).value<void *>(), other);
     }
-    pool.waitForDone();
+    QVERIFY(pool.waitForDone(60000));
     QCOMPARE(g_destroyed.load(), 100);
 }
 
@@ -115,7 +115,7 @@ void TestRunnable::manyTasksFromSeveralThreads()
     std::sort(announced.begin(), announced.end());
     std::sort(all.begin(), all.end());
     QVERIFY(announced == all);
-    pool.waitForDone();
+    QVERIFY(pool.waitForDone(60000));
     QCOMPARE(g_destroyed.load(), kThreads * kTasksPerThread);
 }
 
@@ -135,7 +135,7 @@ void TestRunnable::refusesNullsAndDestructorWaits()
     QCOMPARE(g_runsEnded.load(), 20);
     // The finished events posted to the deleted manager must be dropped.
     QCoreApplication::processEvents();
-    pool.waitForDone();
+    QVERIFY(pool.waitForDone(60000));
     QCOMPARE(g_destroyed.load(), 21);
 }
 

@@ -2,6 +2,8 @@
 
 #include <database/database.h>
 
+#include "testsupport.h"
+
 #include <QtTest>
 
 #include <new>
@@ -27,15 +29,9 @@ struct Capture
 
 QByteArray runPython(const QString &script, const QString &path)
 {
-    QProcess python;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("PYTHONIOENCODING"), QStringLiteral("utf-8"));
-    python.setProcessEnvironment(environment);
-    python.start(QStringLiteral("python3"), { QStringLiteral("-c"), script, path });
-    python.waitForFinished(-1);
-    if (python.exitStatus() != QProcess::NormalExit || python.exitCode() != 0)
-        return "python failed: " + python.readAllStandardError();
-    return python.readAllStandardOutput().trimmed();
+    const TestSupport::ProgramRun python = TestSupport::runProgram(
+        QStringLiteral("python3"), { QStringLiteral("-c"), script, path });
+    return python.ok ? python.out.trimmed() : "python failed: " + python.err;
 }
 
 const QString DebugReadError

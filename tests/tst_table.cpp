@@ -2,108 +2,23 @@
 // changes, the index registry and its signals, dependent-index forwarding and
 // the rebuilding of a table's indexes.
 
+#include "storage/tabletesting_p.h"
+#include "testsupport.h"
 #include <database/database.h>
 
 #include <QSignalSpy>
 #include <QtTest>
 
-#include <functional>
 #include <list>
-#include <thread>
 
 namespace {
 
+using TestSupport::RecordingIndex;
+
 int idOf(const Record &record)
 {
-    return record.isNull() ? -1 : record.data(0).get<int>();
+    return RecordingIndex::idOf(record);
 }
-
-// A test double that holds the rows it is given and logs every call it
-// receives as "name.call(arguments)" into a space-separated log shared by all
-// the indexes of a test.
-class RecordingIndex : public Index
-{
-public:
-    RecordingIndex(const QString &name, QString *log, const char *className = "IndexList")
-        : name(name)
-        , log(log)
-        , className(className)
-    {
-    }
-
-    void clear() override { emptied("clear"); }
-    void clear(bool rebuilding) override { emptied("clear", rebuilding); }
-    void build() override { note("build"); }
-    void build(bool rebuilding) override { note("build", rebuilding); }
-    void add(const Record &record) override
-    {
-        note("add", record);
-        rows.append(record);
-        if (onAdd)
-            onAdd(record);
-    }
-    void preprocess(const QList<Record> &removed, const QList<Record> &updated, int first, int last,
-                    const QList<Record> &inserted, const QList<Record> &changed) override
-    {
-        note("preprocess", removed, updated, first, last, inserted, changed);
-    }
-    void process(const QList<Record> &removed, const QList<Record> &updated, int first, int last,
-                 const QList<Record> &inserted) override
-    {
-        note("process", removed, updated, first, last, inserted);
-        for (const Record &record : removed)
-            rows.removeOne(record);
-        rows += inserted;
-    }
-    bool remove(const Record &record, int position) override
-    {
-        note("remove", record, position);
-        return rows.removeOne(record);
-    }
-    bool filter(const Record &record) const override { return idOf(record) != rejected; }
-    bool contains(const Record &record) const override { return rows.contains(record); }
-    void update(const Record &record, int a, int b, int position) override
-    {
-        note("update", record, a, b, position);
-    }
-    int indexOf(const Record &record) const override { return rows.indexOf(record); }
-    void beginUpdate() override { note("begin"); }
-    void endUpdate() override { note("end"); }
-    void dependentBeginUpdate(Table *table) override { note("depBegin", table); }
-    void dependentEndUpdate(Table *table) override { note("depEnd", table); }
-    const char *getClassName() const override { return className; }
-
-    QString name;
-    QString *log;
-    const char *className;
-    QList<Record> rows;
-    int rejected = -1; // the id that filter() turns away
-    std::function<void(const Record &)> onAdd;
-
-private:
-    // How a call's arguments are written in the log.
-    static QString text(int number) { return QString::number(number); }
-    static QString text(const Record &record) { return text(idOf(record)); }
-    static QString text(Table *table) { return table->name(); }
-    static QString text(const QList<Record> &records)
-    {
-        QStringList ids;
-        for (const Record &record : records)
-            ids << text(record);
-        return '[' + ids.join(',') + ']';
-    }
-    template <typename... Args> void note(const char *call, const Args &...args)
-    {
-        const QStringList parts { text(args)... };
-        *log += (log->isEmpty() ? "" : " ") + name + '.' + call
-            + (parts.isEmpty() ? "" : '(' + parts.join(',') + ')');
-    }
-    template <typename... Args> void emptied(const char *call, const Args &...args)
-    {
-        note(call, args...);
-        rows.clear();
-    }
-};
 
 // A table with an integer id column and three data columns, a recording main
 // index M and recording indexes A and B registered in that order.
@@ -114,7 +29,7 @@ struct Fixture
         table.addColumn(QStringLiteral("id"), FieldType::Integer, 0, false);
         for (const char *column : { "x", "y", "z" })
             table.addColumn(QString::fromLatin1(column), FieldType::Integer);
-        table.testingSetMainIndex(&main);
+        testingSetMainIndex(&table, &main);
         table.addIndex(&a);
         table.addIndex(&b);
     }
@@ -140,16 +55,6 @@ struct Fixture
     RecordingIndex main { QStringLiteral("M"), &log }, a { QStringLiteral("A"), &log },
         b { QStringLiteral("B"), &log };
 };
-
-// Takes and releases the table's lock on another thread: a bracket that leaked
-// its lock hangs here until the test timeout.
-void lockElsewhere(const Table &table)
-{
-    std::thread([&] {
-        table.lock();
-        table.unlock();
-    }).join();
-}
 
 } // namespace
 
@@ -201,16 +106,30 @@ void tst_Table::brackets()
     RecordingIndex dep(QStringLiteral("D"), &f.log);
     f.table.addDependentIndex(&dep);
 
-    f.table.beginUpdate();
-    f.table.beginUpdate();
-    QCOMPARE(f.table.updateDepth(), 2);
-    QCOMPARE(f.log, "D.depBegin(T) M.begin A.begin B.begin");
-    f.log.clear();
-    f.table.endUpdate();
-    QVERIFY(f.log.isEmpty());
-    f.table.endUpdate();
+    // Nested guards: only the outermost pair notifies; a throw closes what is
+    // still open, once.
+    try {
+        TableUpdateBracket outer(&f.table);
+        TableUpdateBracket inner(&f.table);
+        QCOMPARE(f.table.updateDepth(), 2);
+        QCOMPARE(f.log, "D.depBegin(T) M.begin A.begin B.begin");
+        f.log.clear();
+        inner.end();
+        inner.end();
+        QCOMPARE(f.table.updateDepth(), 1);
+        QVERIFY(f.log.isEmpty());
+        throw 1;
+    } catch (int) {
+    }
     QCOMPARE(f.log, "M.end A.end B.end D.depEnd(T)");
-    lockElsewhere(f.table);
+    QCOMPARE(f.table.updateDepth(), 0);
+    QVERIFY(TestSupport::lockableElsewhere(f.table));
+    {
+        TableLocker locker(&f.table);
+        QVERIFY(!TestSupport::lockableElsewhere(f.table, 50));
+        locker.unlock();
+        QVERIFY(TestSupport::lockableElsewhere(f.table));
+    }
 
     // Unbalanced: still notifies and leaves the table off by one, after which
     // every pair notifies (and warns at its end) with the lock kept balanced.
@@ -226,7 +145,7 @@ void tst_Table::brackets()
     f.table.endUpdate();
     QCOMPARE(f.table.updateDepth(), -1);
     QCOMPARE(f.log, "D.depBegin(T) M.begin A.begin B.begin M.end A.end B.end D.depEnd(T)");
-    lockElsewhere(f.table);
+    QVERIFY(TestSupport::lockableElsewhere(f.table));
 }
 
 void tst_Table::singleChanges()
@@ -304,10 +223,10 @@ void tst_Table::clearAndReferenceCounts()
     QVERIFY(watched.dump().contains(QLatin1String("ref:4"))); // M, A, B and `watched`
 
     // A row that no index keeps is freed as appendRow returns (ASan watches).
-    f.table.testingSetMainIndex(nullptr);
+    testingSetMainIndex(&f.table, nullptr);
     f.table.setIndexes({});
     f.table.appendRow(f.table.allocRow());
-    f.table.testingSetMainIndex(&f.main);
+    testingSetMainIndex(&f.table, &f.main);
     f.table.setIndexes({ &f.a, &f.b });
 
     f.log.clear();

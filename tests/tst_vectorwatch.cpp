@@ -1,7 +1,10 @@
-// The light indexes: the contiguous sorted vector and the change watcher.
+// The light indexes (the contiguous sorted vector and the change watcher) and
+// the lifetime rule shared by every kind of index.
 
 #include "testindexes.h"
 
+#include <database/indexdepend.h>
+#include <database/indexlimit.h>
 #include <database/indexvector.h>
 #include <database/watchindex.h>
 
@@ -21,6 +24,16 @@ public:
         const int x = a.data(Group).get<qint32>();
         const int y = b.data(Group).get<qint32>();
         return x < y ? -1 : (x > y ? 1 : 0);
+    }
+};
+
+class GroupLimit : public IndexLimit
+{
+public:
+    using IndexLimit::IndexLimit;
+    int compare(const Record &a, const Record &b) const override
+    {
+        return a.data(Group).get<qint32>() - b.data(Group).get<qint32>();
     }
 };
 
@@ -46,6 +59,9 @@ private Q_SLOTS:
     void vectorKeepsArrivalOrderAmongEqualKeys();
     void vectorFollowsTheTable();
     void watchBookkeeping();
+    void destroyedIndexLeavesTheRegistry_data();
+    void destroyedIndexLeavesTheRegistry();
+    void selfRegisteredIndexIsAnnouncedWhole();
 };
 
 void tst_VectorWatch::vectorKeepsArrivalOrderAmongEqualKeys()
@@ -126,6 +142,89 @@ void tst_VectorWatch::watchBookkeeping()
     QVERIFY(watch.isEmpty());
     QVERIFY(!watch.contains(one));
     table.removeIndex(&watch);
+}
+
+// Every kind of index, however it was registered, leaves every registry of the
+// table when deleted, without signals; the table then changes safely (ASan).
+void tst_VectorWatch::destroyedIndexLeavesTheRegistry_data()
+{
+    QTest::addColumn<QString>("kind");
+    for (const char *kind :
+         { "list", "sort", "limit", "vector", "watch", "dependent", "named", "master" })
+        QTest::newRow(kind) << QString::fromLatin1(kind);
+}
+
+void tst_VectorWatch::destroyedIndexLeavesTheRegistry()
+{
+    QFETCH(QString, kind);
+    Table table(QStringLiteral("t"));
+    addQuoteColumns(table);
+    table.setMasterIndex(new MasterIndex_Column_Pure(&table, QStringLiteral("id")));
+    table.appendList({ makeRow(table, 1, 1), makeRow(table, 2, 2) });
+    WatchIndex stays(&table);
+    table.addIndex(&stays);
+
+    Index *index = nullptr;
+    if (kind == "list")
+        index = new IndexList(&table);
+    else if (kind == "sort")
+        index = new ColumnSort(&table, { Group }, true);
+    else if (kind == "limit")
+        index = new GroupLimit(1, &table);
+    else if (kind == "vector")
+        table.addIndex(index = new GroupVector(&table));
+    else if (kind == "watch")
+        table.addIndex(index = new WatchIndex(&table));
+    else if (kind == "dependent")
+        table.addDependentIndex(index = new IndexDependBase);
+    else if (kind == "named")
+        table.setIndexName(QStringLiteral("loose"), index = new WatchIndex(&table));
+    else
+        index = table.masterIndex();
+    index->build();
+    table.setIndexName(QStringLiteral("n"), index);
+
+    int signalled = 0;
+    connect(&table, &Table::indexRemoved, this, [&] { ++signalled; });
+    connect(&table, &Table::dependentIndexRemoved, this, [&] { ++signalled; });
+    delete index;
+    QVERIFY(!table.indexes().contains(index));
+    QVERIFY(!table.dependentIndexes().contains(index));
+    QCOMPARE(table.namedIndex(QStringLiteral("n")), nullptr);
+    QCOMPARE(table.indexName(index), QString());
+    QCOMPARE(signalled, 0);
+    QCOMPARE(table.masterIndex() == index, false);
+
+    table.beginUpdate();
+    table.appendList({ makeRow(table, 3, 3) });
+    Record row = table.masterIndex() ? table.masterIndex()->find(makeRow(table, 1), -1) : Record();
+    if (!row.isNull()) {
+        table.updated(row, Group, Group, -1);
+        table.remove(row);
+    }
+    table.endUpdate();
+    QCOMPARE(ids(stays.addedRecords()), QList<int>({ 3 }));
+}
+
+// A receiver of indexAdded may call the index's virtual functions: an index
+// that registers itself in its constructor is announced once it is complete.
+void tst_VectorWatch::selfRegisteredIndexIsAnnouncedWhole()
+{
+    Table table(QStringLiteral("t"));
+    addQuoteColumns(table);
+    QStringList heard;
+    connect(&table, &Table::indexAdded, this, [&](Index *index) {
+        heard << QString::fromLatin1(index->getClassName())
+                + (dynamic_cast<ColumnSort *>(index) ? "+sort" : "");
+    });
+    ColumnSort sort(&table, { Group }, true);
+    QCOMPARE(table.indexes(), QList<Index *>({ &sort }));
+    QVERIFY(heard.isEmpty());
+    delete new ColumnSort(&table, { Id }, true); // gone before the event loop: never announced
+    QCoreApplication::processEvents();
+    QCOMPARE(heard, QStringList({ "IndexSort+sort" }));
+    QCoreApplication::processEvents();
+    QCOMPARE(heard.size(), 1);
 }
 
 QTEST_GUILESS_MAIN(tst_VectorWatch)

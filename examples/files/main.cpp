@@ -36,8 +36,8 @@ int main()
     quotes.addColumn(QStringLiteral("id"), FieldType::Integer, 0, false);
     quotes.addColumn(QStringLiteral("price"), FieldType::Decimal, 2);
     quotes.setMasterIndex(new MasterIndex_Column_Pure(&quotes, QStringLiteral("id")));
-    quotes.beginUpdate();
     {
+        TableUpdateBracket bracket(&quotes); // beginUpdate() now, endUpdate() on every way out
         RecordsTrans trans(&quotes);
         for (int id = 0; id < 1000; ++id) {
             RecordUpdater updater(&trans);
@@ -47,7 +47,6 @@ int main()
             updater.setValue(QStringLiteral("price"), decimal(id * 25, 2)); // 0.00 .. 249.75
         }
     }
-    quotes.endUpdate();
 
     QTemporaryDir scratch;
     const QDir dir(scratch.path());

@@ -49,8 +49,8 @@ int main()
         const char *ticker;
         const char *price;
     } rows[] = { { 1, "SBER", "301.40" }, { 2, "GAZP", "164.05" }, { 3, "LKOH", "7120.50" } };
-    quotes.beginUpdate();
     {
+        TableUpdateBracket bracket(&quotes); // beginUpdate() now, endUpdate() on every way out
         RecordsTrans trans(&quotes);
         for (const auto &row : rows) {
             RecordUpdater updater(&trans);
@@ -60,8 +60,7 @@ int main()
             updater.setText(QStringLiteral("ticker"), QString::fromLatin1(row.ticker));
             updater.setValue(QStringLiteral("price"), decimal(QString::fromLatin1(row.price)));
         }
-    } // the batch runs here
-    quotes.endUpdate();
+    } // the batch runs, then the bracket closes
     //! [transaction]
     print(byPrice, "after the inserts");
 
@@ -69,14 +68,13 @@ int main()
     // Changing a row: find it by key, register it as an update and edit the
     // working copy the updater switches to. The table's row stays untouched
     // until the batch runs; then the view moves the row to its new place.
-    quotes.beginUpdate();
     {
+        TableUpdateBracket bracket(&quotes); // beginUpdate() now, endUpdate() on every way out
         RecordsTrans trans(&quotes);
         RecordUpdater updater(&trans, Record(&quotes, QStringLiteral("2")));
         updater.updateInMap();
         updater.setValue(QStringLiteral("price"), decimal(QStringLiteral("9999.99")));
     }
-    quotes.endUpdate();
     //! [update]
     print(byPrice, "after the update");
 

@@ -47,8 +47,8 @@ int main()
     // holds copies of every inserted, updated and removed row, taken before
     // the batch runs; it is pushed once the batch has run.
     Undo::Transaction *command = nullptr;
-    quotes.beginUpdate();
     {
+        TableUpdateBracket bracket(&quotes); // beginUpdate() now, endUpdate() on every way out
         RecordsTrans trans(&quotes);
         for (int id = 2; id <= 4; ++id) {
             RecordUpdater updater(&trans);
@@ -61,8 +61,7 @@ int main()
         first.updateInMap();
         first.setValue(QStringLiteral("price"), decimal(QStringLiteral("99.00")));
         command = Undo::Transaction::fromBatch(trans);
-    } // the batch runs here
-    quotes.endUpdate();
+    } // the batch runs, then the bracket closes
     stack.push(command);
     //! [batch]
 

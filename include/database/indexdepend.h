@@ -40,6 +40,8 @@ class TableIndexRebuilder;
 // contains() is false and indexOf() -1, since no row is held here; remove()
 // is true when any dependent held the record.
 // Threads: as every index, the table's thread under its lock.
+class IndexDependBasePrivate;
+
 class DATABASE_EXPORT IndexDependBase : public Index
 {
 public:
@@ -73,8 +75,7 @@ public:
 
 private:
     Q_DISABLE_COPY(IndexDependBase)
-    class Private;
-    const QScopedPointer<Private> d;
+    const QScopedPointer<IndexDependBasePrivate> d;
 };
 
 #endif // DATABASE_INDEXDEPEND_H

@@ -41,8 +41,9 @@ protected:
 //
 // Ownership: the index holds one reference to each of its rows (they outlive
 // the index only if someone else holds them too). It does not own its table.
-// A registered index (constructor flag) put itself into its table's index list
-// and takes itself out again when destroyed, if the table is still alive.
+// A registered index (constructor flag) puts itself into its table's index list
+// at once; indexAdded() follows once it is complete (Index::registerWith()).
+// Like every index it leaves the registry when destroyed.
 //
 // Invariants:
 //  1. count() equals the number of records between begin() and end().

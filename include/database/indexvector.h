@@ -23,8 +23,8 @@ class Table;
 // contains() tests key equality, not identity: a different row with the same
 // key counts as contained. This is what lookups by key want.
 //
-// The index does not register itself: the owner calls Table::addIndex() (and
-// Table::removeIndex() before deleting it). It is empty until build().
+// The index does not register itself: the owner calls Table::addIndex(). Like
+// every index it leaves the registry when destroyed. It is empty until build().
 //
 // Threads: as every index, called on the thread that changes the table, under
 // its lock. resort() sorts through the process-wide sortIndex pointer; resorts

@@ -111,8 +111,9 @@ public:
     int columnIndex(const QString &name) const;
     // The column names in column order.
     QStringList columns() const;
-    // The column definitions in column order (owned by the table).
-    const QList<TableColumnDef *> &fieldDefs() const;
+    // The column definitions in column order (owned by the table), read-only:
+    // offsets, sizes and flags are the layout of every row.
+    const QList<const TableColumnDef *> &fieldDefs() const;
 
     // Adds a column, re-laying every existing row (rows may move in memory):
     // the listed indexes are emptied, the rows taken out of the main index in
@@ -212,11 +213,6 @@ public:
     // holder of the rows), inside one change bracket.
     void clear();
 
-    // Test hook: installs `index` as the main index without ownership and
-    // without a master index (masterIndex() stays null). Null removes it.
-    // REQUIRES: no master index is installed; `index` outlives its use here.
-    void testingSetMainIndex(Index *index);
-
 Q_SIGNALS:
     void indexAdded(Index *index);
     void indexRemoved(Index *index);
@@ -225,10 +221,23 @@ Q_SIGNALS:
     void dependentIndexRemoved(Index *index);
 
 private:
-    friend class TableIndexRebuilder;
+    friend class TableIndexRebuilderPrivate;
+    friend class Index;
+    friend void testingSetMainIndex(Table *table, Index *index);
+
+    // Keeps the index's record of the registries holding it in step with this
+    // table, after any change of the index list, dependent list, names or main.
+    void trackRegistration(Index *index);
+    // Index::registerWith(): listed now, indexAdded() from the event loop.
+    void addIndexUnannounced(Index *index);
+    void announceAddedIndexes();
+    // The index is being destroyed: every trace of it leaves the registries,
+    // without signals.
+    void forgetIndex(Index *index);
 
     // The index through which rows are notified as the main index; the master
-    // index installs itself here (setMasterIndex), the test hook likewise.
+    // index installs itself here (setMasterIndex), a test double through
+    // testingSetMainIndex() (storage/tabletesting_p.h).
     void setMainIndex(Index *index);
 
     // Every row of the main index in index order, the main index left empty.
@@ -238,6 +247,74 @@ private:
 
     Q_DISABLE_COPY(Table)
     const QScopedPointer<TablePrivate> d;
+};
+
+// TableLocker: holds a table's lock (Table::lock()) for a scope and releases it
+// on every way out, exceptions included. unlock() and relock() work as
+// QMutexLocker's; a null table makes every call a no-op.
+// Threads: used on the thread that made it.
+class TableLocker
+{
+public:
+    explicit TableLocker(const Table *table)
+        : m_table(table)
+    {
+        relock();
+    }
+    ~TableLocker() { unlock(); }
+
+    void unlock()
+    {
+        if (m_locked) {
+            m_locked = false;
+            m_table->unlock();
+        }
+    }
+    void relock()
+    {
+        if (m_table && !m_locked) {
+            m_table->lock();
+            m_locked = true;
+        }
+    }
+    const Table *table() const { return m_table; }
+
+private:
+    Q_DISABLE_COPY(TableLocker)
+    const Table *m_table;
+    bool m_locked = false;
+};
+
+// TableUpdateBracket: one change bracket (Table::beginUpdate()) for a scope,
+// closed by endUpdate() on every way out, so a throw between the two cannot
+// leave the table locked or its indexes waiting for the end of a batch.
+// end() closes it early (once); a null table makes every call a no-op.
+// Threads: used on the thread that made it (the bracket holds the table's lock).
+class TableUpdateBracket
+{
+public:
+    explicit TableUpdateBracket(Table *table)
+        : m_table(table)
+    {
+        if (m_table)
+            m_table->beginUpdate();
+    }
+    ~TableUpdateBracket() { end(); }
+
+    void end()
+    {
+        if (m_table) {
+            Table *table = m_table;
+            m_table = nullptr;
+            table->endUpdate();
+        }
+    }
+    // The table while the bracket is open, null once it has ended.
+    Table *table() const { return m_table; }
+
+private:
+    Q_DISABLE_COPY(TableUpdateBracket)
+    Table *m_table;
 };
 
 #endif // DATABASE_TABLE_H

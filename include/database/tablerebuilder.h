@@ -46,6 +46,8 @@ class Table;
 // REQUIRES: the indexes outlive the rebuilder; they are not registered again
 // by anybody else meanwhile. Threads: the table's, under its discipline (a
 // change bracket around the rebuilder's life keeps views from seeing the gap).
+class TableIndexRebuilderPrivate;
+
 class DATABASE_EXPORT TableIndexRebuilder
 {
 public:
@@ -73,8 +75,7 @@ public:
 
 private:
     Q_DISABLE_COPY(TableIndexRebuilder)
-    class Private;
-    const QScopedPointer<Private> d;
+    const QScopedPointer<TableIndexRebuilderPrivate> d;
 };
 
 #endif // DATABASE_TABLEREBUILDER_H

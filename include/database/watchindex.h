@@ -11,7 +11,8 @@ class Table;
 // WatchIndex: what happened to a table's rows since the index was last reset.
 //
 // The host registers it with Table::addIndex(), lets changes happen, then reads
-// addedRecords(), removedRecords() and updatedRecords() and calls reset().
+// addedRecords(), removedRecords() and updatedRecords() and calls reset(). Like
+// every index it leaves the registry when destroyed.
 //
 // Bookkeeping, in the order of the events:
 //  - add: a row that is in the removed list (same row block) leaves it (first

@@ -3,6 +3,7 @@
 
 #include <database/database_global.h>
 
+#include <QScopedPointer>
 #include <QString>
 
 class Table;
@@ -39,6 +40,8 @@ public:
 // host names each table it registers, and a table leaves the registry when it
 // is destroyed (its destructor calls forgetTable()), so a lookup never answers
 // a deleted table. The global instance lives until the process ends.
+class DefaultCorePrivate;
+
 class DATABASE_EXPORT DefaultCore : public ICore
 {
 public:
@@ -61,8 +64,7 @@ public:
 
 private:
     Q_DISABLE_COPY(DefaultCore)
-    struct Private;
-    Private *const d;
+    const QScopedPointer<DefaultCorePrivate> d;
 };
 
 #endif // DATABASE_CORE_ICORE_H

@@ -12,28 +12,6 @@
 
 namespace {
 
-// Holds the table's update bracket open for a scope, closing it also when an
-// exception passes.
-class UpdateBracket
-{
-public:
-    explicit UpdateBracket(Table *table)
-        : m_table(table)
-    {
-        if (m_table)
-            m_table->beginUpdate();
-    }
-    ~UpdateBracket()
-    {
-        if (m_table)
-            m_table->endUpdate();
-    }
-
-private:
-    Q_DISABLE_COPY(UpdateBracket)
-    Table *m_table;
-};
-
 MasterIndex *masterOf(const Table *table, const char *command)
 {
     MasterIndex *master = table ? table->masterIndex() : nullptr;
@@ -57,7 +35,7 @@ void appendClone(Table *bracketed, const Record &record, const char *command)
         qWarning("Undo::%s: the command holds no record", command);
         return;
     }
-    const UpdateBracket bracket(bracketed);
+    const TableUpdateBracket bracket(bracketed);
     Table *table = record.table();
     unsigned char *row = table->cloneRow(record.row());
     if (!row)
@@ -68,7 +46,7 @@ void appendClone(Table *bracketed, const Record &record, const char *command)
 // Removes the table's row with the record's primary key, if there is one.
 void removeByKey(Table *table, const Record &record, const char *command)
 {
-    const UpdateBracket bracket(table);
+    const TableUpdateBracket bracket(table);
     const MasterIndex *master = masterOf(table, command);
     if (!master || record.isNull())
         return;
@@ -81,7 +59,7 @@ void removeByKey(Table *table, const Record &record, const char *command)
 // reports every column of it as updated.
 void overwriteByKey(Table *table, const Record &key, const Record &content, const char *command)
 {
-    const UpdateBracket bracket(table);
+    const TableUpdateBracket bracket(table);
     const MasterIndex *master = masterOf(table, command);
     if (!master || key.isNull())
         return;
@@ -247,7 +225,7 @@ int Clear::savedCount() const
 void Clear::redo()
 {
     if (d->table) {
-        const UpdateBracket bracket(d->table);
+        const TableUpdateBracket bracket(d->table);
         if (const MasterIndex *master = d->table->masterIndex()) {
             for (auto it = master->begin(), end = master->end(); it != end; ++it)
                 d->saved.append(cloneOrThrow(*it));
@@ -259,7 +237,7 @@ void Clear::redo()
 
 void Clear::undo()
 {
-    const UpdateBracket bracket(d->table);
+    const TableUpdateBracket bracket(d->table);
     const MasterIndex *master = masterOf(d->table, "Clear::undo");
     if (!master) {
         QUndoCommand::undo();
@@ -360,7 +338,7 @@ int Transaction::prepareTrans(RecordsTrans *trans)
 
 void Transaction::redo()
 {
-    const UpdateBracket bracket(d->table);
+    const TableUpdateBracket bracket(d->table);
     RecordsTrans trans(d->table);
     const TransLoan loan(this, &trans);
     QUndoCommand::redo();
@@ -368,7 +346,7 @@ void Transaction::redo()
 
 void Transaction::undo()
 {
-    const UpdateBracket bracket(d->table);
+    const TableUpdateBracket bracket(d->table);
     RecordsTrans trans(d->table);
     const TransLoan loan(this, &trans);
     QUndoCommand::undo();

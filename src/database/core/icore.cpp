@@ -21,22 +21,20 @@ void ICore::setInstance(ICore *core)
     installedCore.storeRelease(core);
 }
 
-struct DefaultCore::Private
+class DefaultCorePrivate
 {
+public:
     mutable QMutex mutex;
     QHash<QString, Table *> tables;
     bool compress = false;
 };
 
 DefaultCore::DefaultCore()
-    : d(new Private)
+    : d(new DefaultCorePrivate)
 {
 }
 
-DefaultCore::~DefaultCore()
-{
-    delete d;
-}
+DefaultCore::~DefaultCore() = default;
 
 DefaultCore *DefaultCore::global()
 {

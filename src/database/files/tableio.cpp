@@ -1,5 +1,7 @@
 #include <database/tableio.h>
 
+#include "storage/rowlayout_p.h"
+
 #include <database/core/icore.h>
 #include <database/deflatedevice.h>
 #include <database/exception.h>
@@ -73,29 +75,6 @@ struct ConvertorsGuard
     }
 };
 
-// An update bracket of the table, closed on every path.
-struct UpdateBracket
-{
-    explicit UpdateBracket(Table *table)
-        : table(table)
-    {
-        table->beginUpdate();
-    }
-    ~UpdateBracket() { table->endUpdate(); }
-    Table *table;
-};
-
-struct TableLock
-{
-    explicit TableLock(const Table *table)
-        : table(table)
-    {
-        table->lock();
-    }
-    ~TableLock() { table->unlock(); }
-    const Table *table;
-};
-
 // Stored rows are moved through a buffer of about this many bytes, so that a
 // stream sees one read or write per block of rows rather than one per cell.
 const int kBlockBytes = 1 << 16;
@@ -153,8 +132,8 @@ private:
 class StoredRowWriter
 {
 public:
-    StoredRowWriter(QDataStream &stream, const QList<TableColumnDef *> &columns, int rowLength,
-                    int flagBytes)
+    StoredRowWriter(QDataStream &stream, const QList<const TableColumnDef *> &columns,
+                    int rowLength, int flagBytes)
         : m_stream(stream)
         , m_columns(columns)
         , m_rowLength(rowLength)
@@ -166,9 +145,10 @@ public:
     void append(const unsigned char *row)
     {
         for (const TableColumnDef *column : m_columns)
-            m_buffer.append(reinterpret_cast<const char *>(row + 16 + column->offset),
+            m_buffer.append(reinterpret_cast<const char *>(RowLayout::cell(row, column)),
                             int(column->size));
-        m_buffer.append(reinterpret_cast<const char *>(row + 16 + m_rowLength), m_flagBytes);
+        m_buffer.append(reinterpret_cast<const char *>(RowLayout::flagArea(row, m_rowLength)),
+                        m_flagBytes);
         if (m_buffer.size() >= kBlockBytes)
             flush();
     }
@@ -181,7 +161,7 @@ public:
 
 private:
     QDataStream &m_stream;
-    const QList<TableColumnDef *> &m_columns;
+    const QList<const TableColumnDef *> &m_columns;
     const int m_rowLength;
     const int m_flagBytes;
     QByteArray m_buffer;
@@ -189,14 +169,14 @@ private:
 
 // Places a stored row's cells at the columns' padded places of a row block
 // and its flag bytes after the data area.
-void unpackRow(const unsigned char *stored, const QList<TableColumnDef *> &columns, int rowLength,
-               int flagBytes, unsigned char *row)
+void unpackRow(const unsigned char *stored, const QList<const TableColumnDef *> &columns,
+               int rowLength, int flagBytes, unsigned char *row)
 {
     for (const TableColumnDef *column : columns) {
-        std::memcpy(row + 16 + column->offset, stored, size_t(column->size));
+        std::memcpy(RowLayout::cell(row, column), stored, size_t(column->size));
         stored += column->size;
     }
-    std::memcpy(row + 16 + rowLength, stored, size_t(flagBytes));
+    std::memcpy(RowLayout::flagArea(row, rowLength), stored, size_t(flagBytes));
 }
 
 // Whether the conversions copy every column of the table from the file column
@@ -235,7 +215,7 @@ bool skipBytes(QDataStream &stream, qint64 bytes)
 // Whether the table's columns have exactly the header's types and sizes.
 bool sameLayout(const Table *table, const TableIO::TableHeader &header)
 {
-    const QList<TableColumnDef *> &columns = table->fieldDefs();
+    const QList<const TableColumnDef *> &columns = table->fieldDefs();
     if (columns.size() != header.columns.size())
         return false;
     for (int i = 0; i < columns.size(); ++i) {
@@ -250,7 +230,7 @@ bool sameLayout(const Table *table, const TableIO::TableHeader &header)
 // column: the message a user needs to see which side to change.
 QString layoutDifference(const Table *table, const TableIO::TableHeader &header)
 {
-    const QList<TableColumnDef *> &columns = table->fieldDefs();
+    const QList<const TableColumnDef *> &columns = table->fieldDefs();
     for (int i = 0; i < qMin(columns.size(), header.columns.size()); ++i) {
         const TableColumnDef *mine = columns.at(i);
         const TableColumnDef &stored = header.columns.at(i);
@@ -426,7 +406,7 @@ QString TableIO::compressedFileName(const QDir &dir) const
 
 void TableIO::setupHeader(TableHeader &header, const Table *table)
 {
-    const QList<TableColumnDef *> &defs = table->fieldDefs();
+    const QList<const TableColumnDef *> &defs = table->fieldDefs();
     const MasterIndex *master = table->masterIndex();
     header.magic = Magic;
     header.columnCount = qint16(defs.size());
@@ -556,7 +536,7 @@ bool TableIO::write(FilterProgress &progress, QDataStream &stream, bool withRows
     d->error.clear();
     if (!d->table)
         return d->fail(QStringLiteral("no table to write"));
-    TableLock lock(d->table);
+    const TableLocker lock(d->table);
     TableHeader header;
     setupHeader(header, d->table);
     writeHeader(header, stream);
@@ -650,7 +630,7 @@ bool TableIO::read(FilterProgress &progress, QDataStream &stream, bool addColumn
 
     Table *table = d->table;
     TableIndexRebuilder rebuilder(table);
-    UpdateBracket bracket(table);
+    const TableUpdateBracket bracket(table);
     table->clear();
 
     TableHeader header;
@@ -707,9 +687,9 @@ bool TableIO::read(FilterProgress &progress, QDataStream &stream, bool addColumn
     const bool report = !FilterProgressTrue::isDefault(progress);
     // Same layout: stored rows go straight into the table's rows.
     const bool inPlace = copiesEveryColumnInPlace(conversions, table, &scratch);
-    const QList<TableColumnDef *> &fileColumns = scratch.fieldDefs();
+    const QList<const TableColumnDef *> &fileColumns = scratch.fieldDefs();
     const int scratchRowLength = scratch.rowLength();
-    const QList<TableColumnDef *> &tableColumns = table->fieldDefs();
+    const QList<const TableColumnDef *> &tableColumns = table->fieldDefs();
     const int tableRowLength = table->rowLength();
     // Rows without bytes carry nothing that could back their count.
     const int rowCount = scratch.columnCount() == 0 ? 0 : header.rowCount;
@@ -835,7 +815,7 @@ bool TableIO::writeRowList(FilterProgress &progress, QDataStream &stream,
     if (table->name().isEmpty())
         return streamOk(stream) || d->fail(QStringLiteral("writing a row list failed"));
 
-    TableLock lock(table);
+    const TableLocker lock(table);
     TableHeader header;
     setupHeader(header, table);
     header.rowCount = records.count();
@@ -969,8 +949,8 @@ void TableIO::convertDefs(const QList<FieldDefConvertor *> &list, unsigned char 
     for (FieldDefConvertor *convertor : list) {
         const TableColumnDef *s = convertor->source();
         const TableColumnDef *t = convertor->target();
-        const Field source(s, src + 16 + s->offset, src + 16 + s->flagOffset, s->flagMask);
-        Field target(t, dst + 16 + t->offset, dst + 16 + t->flagOffset, t->flagMask);
+        const Field source(s, RowLayout::cell(src, s), &RowLayout::flagByte(src, s), s->flagMask);
+        Field target(t, RowLayout::cell(dst, t), &RowLayout::flagByte(dst, t), t->flagMask);
         convertor->convert(target, source);
     }
 }

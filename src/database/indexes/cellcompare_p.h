@@ -4,6 +4,7 @@
 // Comparison of two rows' cells of one column by value, shared by the column
 // indexes. Inline so that a sort's inner loop runs without calls.
 
+#include "storage/rowlayout_p.h"
 #include <database/columndef.h>
 #include <database/decimal.h>
 
@@ -11,13 +12,10 @@
 
 namespace CellCompare {
 
-// Bytes before a row's data area (reference count and table pointer).
-constexpr int rowHeader = 16;
-
 template <typename T> inline T cellValue(const unsigned char *row, qint64 offset)
 {
     T value;
-    std::memcpy(&value, row + rowHeader + offset, sizeof(T));
+    std::memcpy(&value, row + RowLayout::HeaderSize + offset, sizeof(T));
     return value;
 }
 
@@ -28,7 +26,7 @@ template <typename T> inline int order(const T &a, const T &b)
 
 inline bool isPresent(const unsigned char *row, const TableColumnDef *column)
 {
-    return (row[rowHeader + column->flagOffset] & column->flagMask) != 0;
+    return RowLayout::isPresent(row, column);
 }
 
 // Ordinal comparison of two string cells of `length` UTF-16 units, each text
@@ -66,7 +64,8 @@ inline int compareCells(const unsigned char *a, const unsigned char *b,
         return c < 0 ? -1 : (c > 0 ? 1 : 0);
     }
     case FieldType::VarChar:
-        return compareUnits(a + rowHeader + offset, b + rowHeader + offset, column->length);
+        return compareUnits(a + RowLayout::HeaderSize + offset, b + RowLayout::HeaderSize + offset,
+                            column->length);
     default:
         return 0;
     }

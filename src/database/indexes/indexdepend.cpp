@@ -5,7 +5,7 @@
 
 #include <QHash>
 
-class IndexDependBase::Private
+class IndexDependBasePrivate
 {
 public:
     struct Dependent
@@ -28,7 +28,7 @@ public:
 };
 
 IndexDependBase::IndexDependBase()
-    : d(new Private)
+    : d(new IndexDependBasePrivate)
 {
 }
 
@@ -78,9 +78,9 @@ void IndexDependBase::clear()
 
 void IndexDependBase::clear(bool rebuilding)
 {
-    const QList<Private::Dependent> dependents = d->dependents;
+    const QList<IndexDependBasePrivate::Dependent> dependents = d->dependents;
     if (!rebuilding) {
-        for (const Private::Dependent &dependent : dependents)
+        for (const IndexDependBasePrivate::Dependent &dependent : dependents)
             dependent.index->clear();
         return;
     }
@@ -89,7 +89,7 @@ void IndexDependBase::clear(bool rebuilding)
 
     QHash<Table *, QList<Index *>> byTable;
     QList<Table *> tables;
-    for (const Private::Dependent &dependent : dependents) {
+    for (const IndexDependBasePrivate::Dependent &dependent : dependents) {
         auto it = byTable.find(dependent.table);
         if (it == byTable.end()) {
             tables.append(dependent.table);

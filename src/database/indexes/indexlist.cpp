@@ -1,6 +1,5 @@
 #include <database/indexlist.h>
 
-#include "indexes/indexlist_p.h"
 #include <database/core/icore.h>
 #include <database/masterindex_struct.h>
 #include <database/table.h>
@@ -48,15 +47,11 @@ void IndexList::init(Table *table, bool registered)
     d->table = table;
     d->registered = registered && table;
     if (d->registered)
-        table->addIndex(this);
+        registerWith(table);
 }
 
-IndexList::~IndexList()
-{
-    Table *table = d->table.data();
-    if (d->registered && table && table->indexes().contains(this))
-        table->removeIndex(this);
-}
+// A registered index leaves its table's registry in ~Index().
+IndexList::~IndexList() = default;
 
 void IndexList::clear()
 {

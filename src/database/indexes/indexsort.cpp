@@ -1,8 +1,8 @@
 #include <database/indexsort.h>
 
-#include "indexes/indexlist_p.h"
 #include <database/concurrentsort.h>
 #include <database/masterindex_struct.h>
+#include <database/table.h>
 
 #include <QHash>
 #include <QMessageLogger>

@@ -26,17 +26,11 @@ void IndexVector::build()
     const MasterIndex *master = m_table ? m_table->masterIndex() : nullptr;
     if (!master)
         return;
-    m_table->lock();
-    try {
-        for (auto it = master->begin(), end = master->end(); it != end; ++it) {
-            if (filter(*it))
-                add(*it);
-        }
-    } catch (...) {
-        m_table->unlock();
-        throw;
+    const TableLocker locker(m_table);
+    for (auto it = master->begin(), end = master->end(); it != end; ++it) {
+        if (filter(*it))
+            add(*it);
     }
-    m_table->unlock();
 }
 
 void IndexVector::add(const Record &record)

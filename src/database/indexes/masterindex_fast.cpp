@@ -1,5 +1,6 @@
 #include <database/masterindex_fast.h>
 
+#include "storage/rowlayout_p.h"
 #include <database/exception.h>
 
 #include <cstring>
@@ -51,7 +52,7 @@ void MasterIndex_Fast_Pure::setup()
                                 .arg(previous->index + 1)
                                 .arg(column->name));
         if (!previous)
-            d->offset = column->offset + 16;
+            d->offset = RowLayout::HeaderSize + column->offset;
         d->length += (column->size + 7) & ~qint64(7);
         previous = column;
     }

@@ -1,5 +1,6 @@
 #include <database/masterindex_struct.h>
 
+#include "storage/rowlayout_p.h"
 #include <database/table.h>
 
 #include <cstring>
@@ -54,10 +55,10 @@ Record MasterIndex::keyRecord(const Record &record) const
     const unsigned char *source = record.row();
     unsigned char *target = key.row();
     for (const TableColumnDef *column : qAsConst(d->keyColumns)) {
-        std::memcpy(target + 16 + column->offset, source + 16 + column->offset,
+        std::memcpy(RowLayout::cell(target, column), RowLayout::cell(source, column),
                     size_t(column->size));
-        unsigned char &flags = target[16 + column->flagOffset];
-        if (source[16 + column->flagOffset] & column->flagMask)
+        unsigned char &flags = RowLayout::flagByte(target, column);
+        if (RowLayout::isPresent(source, column))
             flags |= column->flagMask;
         else
             flags &= quint8(~column->flagMask);

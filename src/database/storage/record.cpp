@@ -1,6 +1,6 @@
 #include <database/record.h>
 
-#include <database/masterindex_struct.h>
+#include "storage/rowlayout_p.h"
 #include <database/table.h>
 
 #include <QDebug>
@@ -11,7 +11,7 @@ namespace {
 
 int *countOf(unsigned char *row)
 {
-    return reinterpret_cast<int *>(row);
+    return reinterpret_cast<int *>(row + RowLayout::RefCountOffset);
 }
 
 } // namespace
@@ -20,14 +20,6 @@ Record::Record(const Table *table)
     : m_row(table ? table->allocRow() : nullptr)
 {
     ref();
-}
-
-Record::Record(const Table *table, const QString &key)
-{
-    if (!table || key.isEmpty())
-        return;
-    if (const MasterIndex *master = table->masterIndex())
-        *this = master->findRecord(key);
 }
 
 Record::Record(unsigned char *row) noexcept
@@ -84,9 +76,7 @@ void Record::deref() noexcept
     unsigned char *row = m_row;
     m_row = nullptr;
     if (__atomic_sub_fetch(countOf(row), 1, __ATOMIC_SEQ_CST) == 0) {
-        Table *owner = nullptr;
-        std::memcpy(&owner, row + 8, sizeof(owner));
-        owner->freeRow(row);
+        RowLayout::owner(row)->freeRow(row);
     }
 }
 
@@ -103,9 +93,7 @@ Table *Record::table() const noexcept
 {
     if (!m_row)
         return nullptr;
-    Table *owner = nullptr;
-    std::memcpy(&owner, m_row + 8, sizeof(owner));
-    return owner;
+    return RowLayout::owner(m_row);
 }
 
 int Record::refCount() const noexcept
@@ -162,22 +150,6 @@ Field Record::data(const QString &name) const
 Field Record::data(int column) const
 {
     return table()->dataPtr(m_row, column);
-}
-
-bool Record::inTable() const
-{
-    if (!m_row)
-        return false;
-    const MasterIndex *master = table()->masterIndex();
-    return master && master->contains(*this);
-}
-
-QString Record::toString() const
-{
-    if (!m_row)
-        return QString();
-    const MasterIndex *master = table()->masterIndex();
-    return master ? master->toText(*this) : QString();
 }
 
 QString Record::dump() const

@@ -1,15 +1,18 @@
 #include <database/table.h>
 
+#include "storage/index_p.h"
+#include "storage/rowlayout_p.h"
 #include "storage/table_p.h"
+#include "storage/tabletesting_p.h"
 
 #include <database/core/icore.h>
 #include <database/index.h>
-#include <database/masterindex_struct.h>
 #include <database/record.h>
 
 #include <QDebug>
 #include <QThread>
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -37,9 +40,17 @@ Table::Table(const QString &name, const QString &title, QObject *parent)
 Table::~Table()
 {
     DefaultCore::global()->forgetTable(this);
+    // Indexes that outlive the table must not come back to it.
+    QList<Index *> held = d->indexes + d->dependents + d->names.values();
+    held.append(d->main);
+    for (Index *index : qAsConst(held)) {
+        if (index)
+            index->d->tables.removeAll(this);
+    }
     // The master index holds the rows: it goes while the table can still free them.
-    MasterIndex *master = d->master;
+    Index *master = d->masterAsIndex;
     d->master = nullptr;
+    d->masterAsIndex = nullptr;
     if (d->main == master)
         d->main = nullptr;
     delete master;
@@ -126,9 +137,9 @@ QStringList Table::columns() const
     return names;
 }
 
-const QList<TableColumnDef *> &Table::fieldDefs() const
+const QList<const TableColumnDef *> &Table::fieldDefs() const
 {
-    return d->columns;
+    return d->readOnlyColumns;
 }
 
 int Table::rowLength() const
@@ -162,11 +173,10 @@ unsigned char *Table::allocRow() const
 void Table::initRow(unsigned char *row) const
 {
     std::memset(row, 0, size_t(d->rowSize));
-    const Table *self = this;
-    std::memcpy(row + 8, &self, sizeof(self));
+    RowLayout::setOwner(row, this);
     for (const TableColumnDef *def : qAsConst(d->columns)) {
         if (!def->nullable)
-            row[16 + def->flagOffset] |= def->flagMask;
+            RowLayout::flagByte(row, def) |= def->flagMask;
     }
 }
 
@@ -183,7 +193,8 @@ unsigned char *Table::cloneRow(const unsigned char *row) const
 
 void Table::copyRowContent(unsigned char *dst, const unsigned char *src) const
 {
-    std::memcpy(dst + 16, src + 16, size_t(d->rowSize - 16));
+    std::memcpy(RowLayout::dataArea(dst), RowLayout::dataArea(src),
+                size_t(d->rowSize - RowLayout::HeaderSize));
 }
 
 void Table::copyRowContent(unsigned char *dst, const unsigned char *src, int first, int last) const
@@ -198,11 +209,10 @@ void Table::copyRowContent(unsigned char *dst, const unsigned char *src, int fir
         return;
     const TableColumnDef *from = d->columns.at(first);
     const TableColumnDef *to = d->columns.at(last);
-    const qint64 begin = 16 + from->offset;
-    const qint64 end = 16 + to->offset + roundUp8(to->size);
-    std::memcpy(dst + begin, src + begin, size_t(end - begin));
-    const int flags = 16 + d->rowLength;
-    std::memcpy(dst + flags, src + flags, size_t(flagBytes(d->columns.size())));
+    const qint64 length = to->offset + roundUp8(to->size) - from->offset;
+    std::memcpy(RowLayout::cell(dst, from), RowLayout::cell(src, from), size_t(length));
+    std::memcpy(RowLayout::flagArea(dst, d->rowLength), RowLayout::flagArea(src, d->rowLength),
+                size_t(flagBytes(d->columns.size())));
 }
 
 void Table::freeRow(unsigned char *row) const
@@ -214,7 +224,7 @@ Field Table::dataPtr(const unsigned char *row, int column) const
 {
     const TableColumnDef *def = d->columns.at(column);
     auto *block = const_cast<unsigned char *>(row);
-    return Field(def, block + 16 + def->offset, block + 16 + def->flagOffset, def->flagMask);
+    return Field(def, RowLayout::cell(block, def), &RowLayout::flagByte(block, def), def->flagMask);
 }
 
 // --- columns -----------------------------------------------------------------------
@@ -269,7 +279,7 @@ void Table::addColumn(const TableColumnDef &source)
     const int oldRowLength = d->rowLength;
     const int cellLength = roundUp8(def->size);
     const int newRowLength = oldRowLength + cellLength;
-    const int newRowSize = 16 + newRowLength + flagBytes(oldColumnCount + 1);
+    const int newRowSize = RowLayout::HeaderSize + newRowLength + flagBytes(oldColumnCount + 1);
 
     // The listed indexes are built again at the end; emptied now, none of them
     // keeps a handle to a block that the re-laying may move.
@@ -288,13 +298,14 @@ void Table::addColumn(const TableColumnDef &source)
             qReallocAligned(row, size_t(newRowSize), size_t(d->rowSize), 8));
         if (!row)
             qFatal("Table::addColumn: out of memory while re-laying rows");
-        std::memmove(row + 16 + newRowLength, row + 16 + oldRowLength,
+        unsigned char *flags = RowLayout::flagArea(row, newRowLength);
+        std::memmove(flags, RowLayout::flagArea(row, oldRowLength),
                      size_t(flagBytes(oldColumnCount)));
         if (flagBytes(oldColumnCount + 1) > flagBytes(oldColumnCount))
-            row[16 + newRowLength + flagBytes(oldColumnCount)] = 0;
-        std::memset(row + 16 + oldRowLength, 0, size_t(cellLength));
+            flags[flagBytes(oldColumnCount)] = 0;
+        std::memset(RowLayout::dataArea(row) + oldRowLength, 0, size_t(cellLength));
         if (def->nullable)
-            row[16 + newRowLength + oldColumnCount / 8] &= quint8(~(1u << (oldColumnCount % 8)));
+            flags[oldColumnCount / 8] &= quint8(~(1u << (oldColumnCount % 8)));
         const int zero = 0;
         std::memcpy(row, &zero, sizeof(zero));
         blocks.append(row);
@@ -303,6 +314,7 @@ void Table::addColumn(const TableColumnDef &source)
 
     d->cacheColumn.insert(def->name.toLower(), oldColumnCount);
     d->columns.append(def);
+    d->readOnlyColumns.append(def);
     d->rowSize = newRowSize;
     d->rowLength = newRowLength;
     for (int i = 0; i < d->columns.size(); ++i) {
@@ -319,29 +331,9 @@ void Table::addColumn(const TableColumnDef &source)
 }
 
 // --- the main index ------------------------------------------------------------------
-// The master index is the main index. A test double installed in its place is
-// walked only if it can be (IndexIterative).
-
-void Table::setMasterIndex(MasterIndex *index)
-{
-    if (d->master && d->master != index)
-        delete d->master;
-    d->master = index;
-    setMainIndex(index);
-}
-
-QList<Record> Table::takeMainRows()
-{
-    QList<Record> rows;
-    const auto *iterative = dynamic_cast<const IndexIterative *>(d->main);
-    if (!iterative)
-        return rows;
-    rows.reserve(iterative->count());
-    for (auto it = iterative->begin(), end = iterative->end(); it != end; ++it)
-        rows.append(*it);
-    d->main->clear();
-    return rows;
-}
+// setMasterIndex(), takeMainRows() and rowCount() need the master index's
+// concrete type: they are defined with it (indexes/tablemaster.cpp), so this
+// layer knows indexes only through the Index interface.
 
 void Table::restoreMainRows(const QList<Record> &rows)
 {
@@ -349,14 +341,6 @@ void Table::restoreMainRows(const QList<Record> &rows)
         return;
     for (const Record &row : rows)
         d->main->add(row);
-}
-
-int Table::rowCount() const
-{
-    if (d->master)
-        return d->master->count();
-    const auto *iterative = dynamic_cast<const IndexIterative *>(d->main);
-    return iterative ? iterative->count() : 0;
 }
 
 // --- locking -------------------------------------------------------------------------
@@ -385,34 +369,100 @@ QList<Index *> Table::dependentIndexes() const
 
 void Table::setIndexes(const QList<Index *> &indexes)
 {
+    const QList<Index *> before = d->indexes;
     d->indexes = indexes;
+    for (Index *index : before + indexes)
+        trackRegistration(index);
 }
 
 void Table::addIndex(Index *index)
 {
     d->indexes.append(index);
+    trackRegistration(index);
     Q_EMIT indexAdded(index);
 }
 
 void Table::removeIndex(Index *index)
 {
     d->indexes.removeOne(index);
+    if (!d->indexes.contains(index))
+        d->unannounced.removeAll(index);
     const QString name = indexName(index);
     if (!name.isEmpty())
         d->names.remove(name);
+    trackRegistration(index);
     Q_EMIT indexRemoved(index);
 }
 
 void Table::addDependentIndex(Index *index)
 {
     d->dependents.append(index);
+    trackRegistration(index);
     Q_EMIT dependentIndexAdded(index);
 }
 
 void Table::removeDependentIndex(Index *index)
 {
     d->dependents.removeOne(index);
+    trackRegistration(index);
     Q_EMIT dependentIndexRemoved(index);
+}
+
+void Table::trackRegistration(Index *index)
+{
+    if (!index)
+        return;
+    const bool held = d->main == index || d->indexes.contains(index)
+        || d->dependents.contains(index)
+        || std::find(d->names.cbegin(), d->names.cend(), index) != d->names.cend();
+    QList<Table *> &tables = index->d->tables;
+    if (!held)
+        tables.removeAll(this);
+    else if (!tables.contains(this))
+        tables.append(this);
+}
+
+void Table::addIndexUnannounced(Index *index)
+{
+    d->indexes.append(index);
+    trackRegistration(index);
+    if (d->unannounced.isEmpty())
+        QMetaObject::invokeMethod(this, &Table::announceAddedIndexes, Qt::QueuedConnection);
+    d->unannounced.append(index);
+}
+
+void Table::announceAddedIndexes()
+{
+    lock();
+    const QList<Index *> pending = d->unannounced;
+    d->unannounced.clear();
+    for (Index *index : pending) {
+        if (d->indexes.contains(index))
+            Q_EMIT indexAdded(index);
+    }
+    unlock();
+}
+
+void Table::forgetIndex(Index *index)
+{
+    lock();
+    d->indexes.removeAll(index);
+    d->dependents.removeAll(index);
+    d->unannounced.removeAll(index);
+    for (auto it = d->names.begin(); it != d->names.end();) {
+        if (it.value() == index)
+            it = d->names.erase(it);
+        else
+            ++it;
+    }
+    if (d->main == index)
+        d->main = nullptr;
+    if (d->masterAsIndex == index) {
+        d->master = nullptr;
+        d->masterAsIndex = nullptr;
+    }
+    index->d->tables.removeAll(this);
+    unlock();
 }
 
 Index *Table::namedIndex(const QString &name) const
@@ -422,7 +472,10 @@ Index *Table::namedIndex(const QString &name) const
 
 void Table::setIndexName(const QString &name, Index *index)
 {
+    Index *previous = d->names.value(name, nullptr);
     d->names.insert(name, index);
+    trackRegistration(previous);
+    trackRegistration(index);
     Q_EMIT indexNameUpdated(index, name);
 }
 
@@ -439,16 +492,19 @@ QString Table::indexName(Index *index) const
 
 void Table::setMainIndex(Index *index)
 {
+    Index *previous = d->main;
     d->main = index;
+    trackRegistration(previous);
+    trackRegistration(index);
 }
 
-void Table::testingSetMainIndex(Index *index)
+void testingSetMainIndex(Table *table, Index *index)
 {
-    if (d->master) {
-        qWarning("Table::testingSetMainIndex: table '%s' has a master index", qPrintable(d->name));
+    if (table->d->master) {
+        qWarning("testingSetMainIndex: table '%s' has a master index", qPrintable(table->d->name));
         return;
     }
-    setMainIndex(index);
+    table->setMainIndex(index);
 }
 
 // --- change brackets -------------------------------------------------------------------

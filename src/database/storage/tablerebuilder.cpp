@@ -29,7 +29,7 @@ QList<QList<Index *>> buildOrder(const TableIndexRebuilder::IndexGroups &groups)
 
 } // namespace
 
-class TableIndexRebuilder::Private
+class TableIndexRebuilderPrivate
 {
 public:
     struct Entry
@@ -47,7 +47,7 @@ public:
     void takeAside(Table *owner);
 };
 
-void TableIndexRebuilder::Private::takeAside(Table *owner)
+void TableIndexRebuilderPrivate::takeAside(Table *owner)
 {
     const QList<Index *> listed = owner ? owner->d->indexes : QList<Index *>();
     for (Index *index : listed) {
@@ -76,7 +76,7 @@ void TableIndexRebuilder::Private::takeAside(Table *owner)
         owner->removeIndex(entry.index);
     }
 
-    const QList<QList<Index *>> order = buildOrder(detectIndexGroup(given));
+    const QList<QList<Index *>> order = buildOrder(TableIndexRebuilder::detectIndexGroup(given));
     for (int group = order.size() - 1; group >= 0; --group) {
         for (Index *index : order.at(group))
             index->clear(true);
@@ -89,7 +89,7 @@ TableIndexRebuilder::TableIndexRebuilder(Table *table)
 }
 
 TableIndexRebuilder::TableIndexRebuilder(Table *table, const QList<Index *> &indexes)
-    : d(new Private)
+    : d(new TableIndexRebuilderPrivate)
 {
     d->table = table;
     for (Index *index : indexes) {
@@ -119,7 +119,7 @@ TableIndexRebuilder::~TableIndexRebuilder()
     Table *table = d->table;
     if (!table)
         return;
-    for (const Private::Entry &entry : qAsConst(d->entries)) {
+    for (const TableIndexRebuilderPrivate::Entry &entry : qAsConst(d->entries)) {
         if (!entry.registered)
             continue;
         table->addIndex(entry.index);

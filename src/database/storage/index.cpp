@@ -1,8 +1,27 @@
 #include <database/index.h>
 
-#include <database/record.h>
+#include "storage/index_p.h"
 
-Index::~Index() = default;
+#include <database/record.h>
+#include <database/table.h>
+
+Index::Index()
+    : d(new IndexPrivate)
+{
+}
+
+Index::~Index()
+{
+    const QList<Table *> tables = d->tables;
+    for (Table *table : tables)
+        table->forgetIndex(this);
+}
+
+void Index::registerWith(Table *table)
+{
+    if (table)
+        table->addIndexUnannounced(this);
+}
 
 void Index::clear(bool)
 {
