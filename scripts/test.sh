@@ -4,11 +4,12 @@
 #   2. an AddressSanitizer + UndefinedBehaviorSanitizer build runs every test;
 #   3. a ThreadSanitizer build runs the tests of threaded code (label "threads");
 #   4. the fuzz targets run for a bounded time each (clang's libFuzzer);
-#   5. a plain build (benchmarks and tools included) runs every test; its CTest
-#      summary closes the output.
+#   5. a plain build (benchmarks, tools and examples included) builds the API
+#      reference, which must have no doxygen warnings, and runs every test
+#      (the examples among them); its CTest summary closes the output.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/deps.sh clang libclang-rt-14-dev clang-format libbenchmark-dev
+scripts/deps.sh clang libclang-rt-14-dev clang-format libbenchmark-dev doxygen
 jobs=$(nproc)
 export QT_QPA_PLATFORM=offscreen
 
@@ -18,14 +19,16 @@ clang-format --dry-run --Werror "${sources[@]}"
 
 echo "== address,undefined sanitizer build"
 cmake -S . -B build/asan -G Ninja -DCMAKE_BUILD_TYPE=Debug \
-      -DDATABASE_SANITIZE=address,undefined -DDATABASE_BUILD_BENCH=OFF -DDATABASE_BUILD_EXAMPLES=ON >/dev/null
+      -DDATABASE_SANITIZE=address,undefined -DDATABASE_BUILD_BENCH=OFF \
+      -DDATABASE_BUILD_TESTS=ON -DDATABASE_BUILD_EXAMPLES=ON >/dev/null
 cmake --build build/asan -j"$jobs"
 (cd build/asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
      ctest --output-on-failure -j"$jobs" -E install_consumer)
 
 echo "== thread sanitizer build (threaded code)"
 cmake -S . -B build/tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug \
-      -DDATABASE_SANITIZE=thread -DDATABASE_BUILD_BENCH=OFF -DDATABASE_BUILD_TOOLS=OFF >/dev/null
+      -DDATABASE_SANITIZE=thread -DDATABASE_BUILD_BENCH=OFF -DDATABASE_BUILD_TOOLS=OFF \
+      -DDATABASE_BUILD_TESTS=ON -DDATABASE_BUILD_EXAMPLES=ON >/dev/null
 cmake --build build/tsan -j"$jobs"
 (cd build/tsan && ctest --output-on-failure -L threads --no-tests=ignore)
 
@@ -49,6 +52,13 @@ if [ -f fuzz/CMakeLists.txt ]; then
 fi
 
 echo "== plain build and the whole suite"
-cmake -S . -B build/debug -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDATABASE_BUILD_BENCH=ON -DDATABASE_BUILD_EXAMPLES=ON >/dev/null
+cmake -S . -B build/debug -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDATABASE_BUILD_BENCH=ON \
+      -DDATABASE_BUILD_TESTS=ON -DDATABASE_BUILD_EXAMPLES=ON >/dev/null
 cmake --build build/debug -j"$jobs"
+echo "== API reference (fails on doxygen warnings)"
+cmake --build build/debug --target docs
+if [ -s build/debug/docs/warnings.log ]; then
+    cat build/debug/docs/warnings.log
+    exit 1
+fi
 cd build/debug && ctest --output-on-failure -j"$jobs"

@@ -18,6 +18,7 @@
 // Corrupts a valid header before a load.
 using HeaderEdit = void (*)(TableIO::TableHeader &header);
 Q_DECLARE_METATYPE(HeaderEdit)
+Q_DECLARE_METATYPE(TableIO::Compression)
 
 namespace {
 
@@ -104,6 +105,8 @@ private Q_SLOTS:
     void headerLayout_data();
     void headerLayout();
     void filesOnDisk();
+    void perCallCompression_data();
+    void perCallCompression();
     void hostileInput_data();
     void hostileInput();
     void faultyDevices();
@@ -246,6 +249,43 @@ void TestTableIO::filesOnDisk()
     QTest::ignoreMessage(QtWarningMsg, QRegularExpression("No table file"));
     QVERIFY(!io.read(QDir(empty.path()), false));
     QCOMPARE(target->rowCount(), 3);
+}
+
+// A save may choose its form; without a choice the host's switch decides.
+// Either way the other form is replaced and the switch is left as it was.
+void TestTableIO::perCallCompression_data()
+{
+    QTest::addColumn<bool>("hostSwitch");
+    QTest::addColumn<TableIO::Compression>("choice");
+    QTest::addColumn<bool>("gzip");
+    QTest::newRow("host off, no choice") << false << TableIO::Compression::HostDefault << false;
+    QTest::newRow("host on, no choice") << true << TableIO::Compression::HostDefault << true;
+    QTest::newRow("host off, gzip") << false << TableIO::Compression::Gzip << true;
+    QTest::newRow("host on, plain") << true << TableIO::Compression::Plain << false;
+}
+
+void TestTableIO::perCallCompression()
+{
+    QFETCH(bool, hostSwitch);
+    QFETCH(TableIO::Compression, choice);
+    QFETCH(bool, gzip);
+    QTemporaryDir tmp;
+    const QDir dir(tmp.path());
+    auto table = quotes("quotes", 5);
+    TableIO io(table.get());
+    QVERIFY(io.write(dir, gzip ? TableIO::Compression::Plain : TableIO::Compression::Gzip));
+
+    DefaultCore::global()->setCompressTableFiles(hostSwitch);
+    QVERIFY(io.write(dir, choice));
+    QCOMPARE(DefaultCore::global()->compressTableFiles(), hostSwitch);
+    QCOMPARE(QFile::exists(io.compressedFileName(dir)), gzip);
+    QCOMPARE(QFile::exists(io.fileName(dir)), !gzip);
+    QFile file(gzip ? io.compressedFileName(dir) : io.fileName(dir));
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QCOMPARE(file.read(2) == QByteArray("\x1f\x8b"), gzip);
+    auto loaded = quotes("quotes", 0);
+    QVERIFY(TableIO(loaded.get()).read(dir, false));
+    QCOMPARE(rowTexts(*loaded), rowTexts(*table));
 }
 
 void TestTableIO::hostileInput_data()

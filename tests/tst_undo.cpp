@@ -1,6 +1,7 @@
 #include "indexchecker.h"
 #include "transfixture.h"
 
+#include <database/recordstrans.h>
 #include <database/undo.h>
 
 #include <QLoggingCategory>
@@ -21,6 +22,8 @@ private slots:
     void clearGivesItsRowsBackOnce();
     void transactionOddities();
     void bracketClosesWhenTableThrows();
+    void batchBecomesOneCommand();
+    void textsAndSameRowWarning();
 };
 
 void tst_Undo::randomUndoRedoMatchesModel_data()
@@ -185,6 +188,77 @@ void tst_Undo::bracketClosesWhenTableThrows()
     Undo::Insert insert(&q.table, q.row(1, { "a", 1, 1 }));
     QVERIFY_EXCEPTION_THROWN(insert.redo(), QString);
     QCOMPARE(q.table.updateDepth(), 0);
+}
+
+// A gathered batch becomes one command holding copies of the rows: pushed
+// after the batch ran, its redo changes nothing, and undo/redo move the table
+// between the two states although the batch rewrote the updated rows in place.
+void tst_Undo::batchBecomesOneCommand()
+{
+    QuoteTable q;
+    const Model before { { 1, { "a", 1, 1 } }, { 2, { "b", 2, 2 } }, { 3, { "c", 3, 3 } } };
+    q.fill(before);
+    Undo::Transaction *command = nullptr;
+    q.table.beginUpdate();
+    {
+        RecordsTrans trans(&q.table);
+        RecordUpdater insert(&trans);
+        insert.insertInMap(q.row(4, { "d", 4, 4 }));
+        RecordUpdater update(&trans, q.find(1));
+        update.updateInMap();
+        update.setValue(QStringLiteral("price"), 9.0);
+        RecordUpdater remove(&trans, q.find(2));
+        remove.updateInMap();
+        remove.remove();
+        command = Undo::Transaction::fromBatch(trans);
+    }
+    q.table.endUpdate();
+    const Model after = modelOf(q.table);
+    QCOMPARE(command->text(), QStringLiteral("Change quotes: 1 inserted, 1 changed, 1 deleted"));
+    QCOMPARE(command->childCount(), 3);
+
+    QUndoStack stack;
+    stack.push(command);
+    QCOMPARE(modelOf(q.table), after);
+    stack.undo();
+    QCOMPARE(modelOf(q.table), before);
+    QVERIFY_INDEXES(&q.table);
+    stack.redo();
+    QCOMPARE(modelOf(q.table), after);
+    QVERIFY_INDEXES(&q.table);
+}
+
+// Every command has a text for an undo view. An update given the live row as
+// its old record could never restore it: the constructors say so.
+void tst_Undo::textsAndSameRowWarning()
+{
+    QuoteTable q;
+    q.fill({ { 42, { "a", 1, 1 } } });
+    const Record live = q.find(42);
+    const Undo::Insert insert(&q.table, live);
+    const Undo::Delete erase(&q.table, live);
+    const Undo::Update update(&q.table, live.clone(), live);
+    const Undo::Clear clear(&q.table);
+    Undo::Transaction trans(&q.table);
+    const QList<QPair<const QUndoCommand *, QString>> commands {
+        { &insert, "Insert row 42 into quotes" },
+        { &erase, "Delete row 42 from quotes" },
+        { &update, "Change row 42 of quotes" },
+        { &clear, "Clear quotes" },
+        { &trans, "Change quotes" },
+        { new Undo::TransInsert(live, &trans), "Insert row 42" },
+        { new Undo::TransDelete(live, &trans), "Delete row 42" },
+    };
+    for (const auto &command : commands)
+        QCOMPARE(command.first->text(), command.second);
+
+    const char *warning = "Undo::%1: the old and the new record are the same row of table "
+                          "'quotes', so undo has nothing to restore. Keep a copy of the row made "
+                          "before the change (Record::clone()) and pass that as the old record";
+    QTest::ignoreMessage(QtWarningMsg, qPrintable(QString::fromLatin1(warning).arg("TransUpdate")));
+    QCOMPARE((new Undo::TransUpdate(live, live, &trans))->text(), QStringLiteral("Change row 42"));
+    QTest::ignoreMessage(QtWarningMsg, qPrintable(QString::fromLatin1(warning).arg("Update")));
+    Undo::Update(&q.table, live, live);
 }
 
 QTEST_GUILESS_MAIN(tst_Undo)

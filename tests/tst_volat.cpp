@@ -141,9 +141,11 @@ void TestVolat::impliedVolatility()
     QCOMPARE(volatByTheorPrice(in, false, atProbe, 120, 40, 100, 1e-9, 1e-6), 30.0);
     QCOMPARE(volatByTheorPrice(in, false, nearProbe, 120, 40, 100, 2e-3, 1e-6), 30.0);
     QVERIFY(volatByTheorPrice(in, false, nearProbe, 120, 40, 100, nearProbe - atProbe, 1e-6) > 39);
-    // An unreachable price: the bisection ends at the top of the interval when
-    // it may run, and -1 when either tolerance rules it out.
+    // An unreachable price: the bisection ends at the nearer end of the
+    // interval when it may run, and -1 when either tolerance rules it out.
     QVERIFY(std::fabs(volatByTheorPrice(in, false, in.price, 20, 1, 300, 1e-9, 1e-6) - 300) < 1e-5);
+    const VolatInputParams inTheMoney = input(90, 100, 0.5);
+    QVERIFY(std::fabs(volatByTheorPrice(inTheMoney, false, 5, 20, 1, 300, 1e-9, 1e-6) - 1) < 1e-5);
     QCOMPARE(volatByTheorPrice(in, false, in.price, 20, 1, 300, 0, 1e-6), -1.0);
     QCOMPARE(volatByTheorPrice(in, false, in.price, 20, 1, 300, 1e-9, 0), -1.0);
     QCOMPARE(volatByTheorPrice(in, false, priceAt(in, 20), 20, 60, 50, 1e-9, 1e-6), -1.0);

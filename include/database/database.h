@@ -46,6 +46,7 @@
 #include <database/tableio.h>
 #include <database/tablejoin.h>
 #include <database/tablerebuilder.h>
+#include <database/version.h>
 #include <database/volat.h>
 #include <database/watchindex.h>
 

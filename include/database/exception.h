@@ -3,8 +3,11 @@
 
 #include <database/database_global.h>
 
+#include <QByteArray>
 #include <QString>
 #include <QStringList>
+
+#include <exception>
 
 // Exception is thrown for conversion faults of fields and for master-index
 // key errors. It carries its message and the call stack captured when it was
@@ -18,9 +21,13 @@
 // catching by value and the thrown object each log it once. This is deliberate:
 // the stack reaches the log even when the catcher ignores the exception.
 //
+// Exception derives from std::exception so that a handler for the standard
+// exceptions catches it too and an uncaught one is reported by what(): the
+// message, UTF-8 encoded.
+//
 // Thread-safety: an Exception is a value; distinct objects may be used on
-// distinct threads.
-class DATABASE_EXPORT Exception
+// distinct threads (what() refreshes a per-object buffer).
+class DATABASE_EXPORT Exception : public std::exception
 {
 public:
     // Stores the message, then captures the current stack.
@@ -28,7 +35,11 @@ public:
     // Copies message and stack; the stack is not captured again.
     Exception(const Exception &other);
     Exception &operator=(const Exception &other) = default;
-    virtual ~Exception();
+    ~Exception() override;
+
+    // The message, UTF-8 encoded; valid until the next what() or until the
+    // exception is destroyed.
+    const char *what() const noexcept override;
 
     // The current call stack, innermost frame first, without getStack's own
     // frame. Empty when the platform reports one frame or none.
@@ -39,6 +50,9 @@ public:
 
     QString message;
     QStringList stack;
+
+private:
+    mutable QByteArray m_what;
 };
 
 #endif // DATABASE_EXCEPTION_H

@@ -3,8 +3,15 @@
 
 #include <database/indexsort.h>
 
-// IndexLimit: a sorted view that should hold at most limit() rows, and that
-// tells its caller which rows must leave to make room for new ones.
+// IndexLimit REMOVES ROWS FROM ITS TABLE: it keeps the table itself to at most
+// limit() rows (a trades table kept to its last N entries). Every transaction
+// on the table deletes, from the table and all its indexes, the rows that it
+// lists as over the limit. It is not a top-N view: to show only the first N
+// rows of a sorted index without touching the table, use the item model's row
+// limit (IndexModel::setRowLimit).
+//
+// As an index it is a sorted view that should hold at most limit() rows, and
+// that tells its caller which rows must leave to make room for new ones.
 //
 // The index registers itself with its table and stands in the table's name
 // registry as "IndexLimit". It does not evict anything by itself: whoever adds

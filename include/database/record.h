@@ -60,7 +60,10 @@ public:
     // Copies columns first..last (-1: first/last column) and every presence flag.
     void copy(const Record &other, int first, int last);
 
-    // The accessor of column `name`. REQUIRES: the column exists.
+    // The accessor of column `name`. An unknown name, or a null record, logs a
+    // warning naming the table and its columns and gives the invalid Field():
+    // it reads as null and refuses text with Exception; its raw get()/set()
+    // must not be used.
     Field data(const QString &name);
     Field data(const QString &name) const;
     Field data(int column) const;

@@ -153,6 +153,9 @@ private:
 //
 //  insertInMap of a key that already has an entry, whatever its operation,
 //  makes the updater edit that entry's row and registers nothing new. An
+//  insertInMap of a key that the table already holds (and the transaction
+//  does not) is registered as asked, so the batch adds a second row with that
+//  key, but it warns: the usual intent is an update (updateInMap()). An
 //  updateInMap that meets a pending insert keeps editing the updater's own
 //  record.
 //
@@ -161,10 +164,11 @@ private:
 // It holds one reference to its row; the transaction must outlive it.
 //
 // Errors: misuse (no transaction, no master index, no row, remove() before any
-// registration, an unknown column) gets a warning and changes nothing. Typed
-// writers of the wrong type for the column throw the conversion Exception of
-// Field ("Can't convert from <source> to <target>"); setText() throws as
-// Field's text assignment does.
+// registration, an unknown column) gets a warning that names the table (and
+// column) and the remedy, and changes nothing. Typed writers of the wrong type
+// for the column warn likewise, then throw the conversion Exception of Field
+// ("Can't convert from <source> to <target>"); setText() throws as Field's
+// text assignment does.
 class DATABASE_EXPORT RecordUpdater
 {
 public:

@@ -121,6 +121,11 @@ public:
 // translation.", a refused conversion of FieldDefConvertor), and whatever the
 // caller's FilterProgress throws.
 //
+// A file of another layout still loads: its columns are matched to the
+// table's by name (and by the caller's Convertors), and the load warns, naming
+// the table and the columns, when file columns reach no column of the table or
+// table columns get nothing from the file, with the way to bring them along.
+//
 // Hostile input: every count and length read from a stream is checked before
 // it is used and nothing is reserved on the word of a file: a header with a
 // negative or inconsistent count, an unknown type, a VarChar longer than 32767
@@ -152,6 +157,13 @@ public:
     // The compressor's settings for table files.
     static const int CompressionLevel = 6;
     static const int CompressionBufferSize = 65500;
+
+    // The form of a table file saved to a directory.
+    enum class Compression {
+        HostDefault, // as ICore::compressTableFiles() says at the time of the save
+        Plain, // the plain file, fileName()
+        Gzip // the gzip file, compressedFileName()
+    };
 
     // The in-memory form of the file header, fields in file order.
     struct DATABASE_EXPORT TableHeader
@@ -249,6 +261,12 @@ public:
     // host's switch (ICore::compressTableFiles, asked on every save) is on.
     bool write(FilterProgress &progress, const QDir &dir, bool withRows);
     bool write(const QDir &dir);
+    // The same with the form chosen for this call: Plain or Gzip whatever the
+    // host's switch says, HostDefault to ask the switch as above. One table
+    // can thus be saved compressed without changing the process-wide switch,
+    // which other threads may be reading.
+    bool write(FilterProgress &progress, const QDir &dir, bool withRows, Compression compression);
+    bool write(const QDir &dir, Compression compression);
 
     // --- loading ---
     // Loads from a stream (see the states above). With `addColumns` the file's

@@ -18,8 +18,19 @@ class Table;
 // master index (search/find from -1), never by a stored row pointer: the row in
 // the table may have been replaced since the command was made. A command holds
 // its records by counted reference; it never owns its table, which must
-// outlive it. Commands carry no display text (the host sets one if it wants)
-// and never merge (id() is -1).
+// outlive it. Commands never merge (id() is -1).
+//
+// Every command gets a text for an undo view when it is made, naming the row
+// by its primary key and the table by its name ("Insert row 42 into quotes",
+// "Delete row 42 from quotes", "Change row 42 of quotes", "Clear quotes",
+// "Change quotes"; the children of a Transaction omit the table). The texts are
+// translatable in the context "Undo"; setText() replaces them.
+//
+// Update and TransUpdate need a copy of the old row, made before the change
+// (Record::clone()). Given the live row as the old record, undo copies the
+// row over itself and silently restores nothing; the constructors warn when
+// the old and the new record are the same row block. Transaction::fromBatch
+// makes the copies itself.
 //
 // Direct commands (Insert, Delete, Update, Clear) act on the table inside its
 // update bracket, which is closed again also when an exception leaves the
@@ -94,6 +105,7 @@ private:
 // Copies the new content into the row with the old record's key on redo, the
 // old content into the row with the new record's key on undo, and reports all
 // columns of the row as updated (Table::updated).
+// `oldRecord` must be a copy of the row made before the change.
 class DATABASE_EXPORT Update : public QUndoCommand
 {
 public:
@@ -148,6 +160,19 @@ public:
     void redo() override;
 
     Table *table() const;
+
+    // One undoable command for a whole batch: a Transaction on the batch's
+    // table with a TransDelete, TransUpdate or TransInsert child per row that
+    // `trans` removes, updates or inserts, each holding copies of the rows
+    // (the old and new versions of an update) as they are at this call, and a
+    // text counting them. The caller owns the result. Push it on a QUndoStack
+    // once the batch has run: push() calls redo(), which replays the batch
+    // over the table as it now stands and so changes nothing.
+    // REQUIRES: `trans` has not executed yet (execute() and its destructor
+    // empty it): call this after the last updater's edit, before the batch
+    // runs.
+    static Transaction *fromBatch(const RecordsTrans &trans);
+
     // Hands `trans` to every child that is a TransCommand (by dynamic type);
     // returns the number of children.
     int prepareTrans(RecordsTrans *trans);
@@ -217,7 +242,8 @@ private:
 };
 
 // Writes the whole new record over the row with the old record's key on redo,
-// the old record over the row with the new record's key on undo.
+// the old record over the row with the new record's key on undo. `oldRecord`
+// must be a copy of the row made before the change, not the live row.
 class DATABASE_EXPORT TransUpdate : public TransCommand
 {
 public:

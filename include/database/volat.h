@@ -117,6 +117,13 @@ DATABASE_EXPORT double theorPriceForOutOfTheMoney(double sigma, double sqrtTime,
 // minVolat > maxVolat, or when the bisection is needed and volatTolerance or
 // priceTolerance is not positive: with priceTolerance 0 only an exact Newton
 // hit succeeds.
+//
+// A target that no volatility in the range reaches (a price below the one at
+// minVolat, or above the one at maxVolat) does not give -1: the bisection
+// closes in on the nearer bound and returns it once the interval is narrower
+// than volatTolerance, so the result is minVolat or maxVolat (1 or 300 for a
+// search over 1 .. 300 %). Callers that must tell such a price from a real
+// answer compare the result with the bounds.
 DATABASE_EXPORT double volatByTheorPrice(const VolatInputParams &in, bool put, double target,
                                          double start, double minVolat, double maxVolat,
                                          double priceTolerance, double volatTolerance);

@@ -30,6 +30,19 @@ namespace {
 
 using OpMap = RecordsTrans::OpMap;
 
+// Refuses a typed value that the column cannot hold: names the table, the
+// column and the way out in the log, then throws Field's conversion Exception
+// (whose text stays as it is).
+[[noreturn]] void refuseValue(const Field &field, FieldType::Type given)
+{
+    qWarning("RecordUpdater::setValue: column '%s' of table '%s' is %s; a %s value can't be "
+             "written to it. Pass a value of the column's type, or its text (setText())",
+             qPrintable(field.def->name),
+             field.def->table ? qPrintable(field.def->table->name()) : "(none)",
+             FieldType::typeName(field.type()), FieldType::typeName(given));
+    field.incompatibleType(given);
+}
+
 // The entry of `key` in `map`: the lower bound when its key also compares
 // not-less than `key` (equal primary keys), else end().
 OpMap::iterator findKey(OpMap &map, const RecordsTrans::MapKey &key)
@@ -205,8 +218,10 @@ bool RecordUpdater::canRegister(const char *operation) const
         return false;
     }
     if (!m_trans->d->table->masterIndex()) {
-        qWarning("RecordUpdater::%s: table '%s' has no master index", operation,
-                 qPrintable(m_trans->d->table->name()));
+        qWarning("RecordUpdater::%s: table '%s' has no master index (primary key), so the "
+                 "transaction cannot tell its rows apart; nothing is registered. Install one "
+                 "with Table::setMasterIndex() before changing rows through a transaction",
+                 operation, qPrintable(m_trans->d->table->name()));
         return false;
     }
     return true;
@@ -228,6 +243,14 @@ void RecordUpdater::insertInMap(const Record &record)
         m_record = bound->first.record();
         return;
     }
+    // The row handling stays literal (a second row with that key arrives), but
+    // a new user who meant an update gets told what happened and what to do.
+    const Table *table = m_trans->d->table;
+    if (table->masterIndex()->search(record, -1) != -1)
+        qWarning("RecordUpdater::insertInMap: table '%s' already holds a row with key '%s'; "
+                 "the batch adds a second row with that key. To change the existing row, "
+                 "find it (Record(table, key)) and call updateInMap() instead",
+                 qPrintable(table->name()), qPrintable(record.toString()));
     m_record = record;
     m_position = operations.emplace_hint(bound, std::move(key), RecordsTrans::OpInsert);
 }
@@ -328,8 +351,10 @@ int RecordUpdater::columnOf(const QString &name) const
     }
     const int column = m_record.table()->columnIndex(name);
     if (column < 0)
-        qWarning("RecordUpdater: table '%s' has no column '%s'",
-                 qPrintable(m_record.table()->name()), qPrintable(name));
+        qWarning("RecordUpdater: table '%s' has no column '%s'; nothing is written. Its "
+                 "columns are: %s. Check the name, or add the column with Table::addColumn()",
+                 qPrintable(m_record.table()->name()), qPrintable(name),
+                 qPrintable(m_record.table()->columns().join(QStringLiteral(", "))));
     return column;
 }
 
@@ -365,7 +390,7 @@ RecordUpdater &RecordUpdater::setValue(int column, qint32 value)
         field.set<double>(value);
         break;
     default:
-        field.incompatibleType(FieldType::Integer);
+        refuseValue(field, FieldType::Integer);
     }
     return *this;
 }
@@ -383,7 +408,7 @@ RecordUpdater &RecordUpdater::setValue(int column, qint64 value)
         field.set<double>(double(value));
         break;
     default:
-        field.incompatibleType(FieldType::Integer64);
+        refuseValue(field, FieldType::Integer64);
     }
     return *this;
 }
@@ -394,7 +419,7 @@ RecordUpdater &RecordUpdater::setValue(int column, double value)
     if (!field.isValid())
         return *this;
     if (field.type() != FieldType::Double)
-        field.incompatibleType(FieldType::Double);
+        refuseValue(field, FieldType::Double);
     field.set<double>(value);
     return *this;
 }
@@ -405,7 +430,7 @@ RecordUpdater &RecordUpdater::setValue(int column, const decimal &value)
     if (!field.isValid())
         return *this;
     if (field.type() != FieldType::Decimal)
-        field.incompatibleType(FieldType::Decimal);
+        refuseValue(field, FieldType::Decimal);
     field.set<decimal>(value);
     return *this;
 }
@@ -416,7 +441,7 @@ RecordUpdater &RecordUpdater::setValue(int column, const datetime &value)
     if (!field.isValid())
         return *this;
     if (field.type() != FieldType::DateTime)
-        field.incompatibleType(FieldType::DateTime);
+        refuseValue(field, FieldType::DateTime);
     field.set<datetime>(value);
     return *this;
 }

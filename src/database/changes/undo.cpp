@@ -4,8 +4,10 @@
 #include <database/recordstrans.h>
 #include <database/table.h>
 
+#include <QCoreApplication>
 #include <QDebug>
 
+#include <memory>
 #include <new>
 
 namespace {
@@ -76,6 +78,37 @@ Record cloneOrThrow(const Record &record)
     return copy;
 }
 
+// A command's text for an undo view: `pattern` (translatable in the context
+// "Undo") with %1 the row's primary key and, when a table is given, %2 its
+// name.
+QString commandText(const char *pattern, const Record &record, const Table *table)
+{
+    QString key;
+    if (!record.isNull() && record.table()->masterIndex())
+        key = record.toString();
+    const QString text = QCoreApplication::translate("Undo", pattern);
+    return (table ? text.arg(key, table->name()) : text.arg(key)).simplified();
+}
+
+// The text of a command on a whole table: %1 is the table's name.
+QString tableText(const char *pattern, const Table *table)
+{
+    return QCoreApplication::translate("Undo", pattern).arg(table ? table->name() : QString());
+}
+
+// An update command keeps the old content to write back on undo. Given the
+// live row as both versions it would write the row over itself: the change
+// could never be undone, and nothing else would say so.
+void warnSameRow(const char *command, const Record &oldRecord, const Record &newRecord)
+{
+    if (oldRecord.isNull() || oldRecord != newRecord)
+        return;
+    qWarning("Undo::%s: the old and the new record are the same row of table '%s', so undo "
+             "has nothing to restore. Keep a copy of the row made before the change "
+             "(Record::clone()) and pass that as the old record",
+             command, qPrintable(oldRecord.table()->name()));
+}
+
 } // namespace
 
 namespace Undo {
@@ -92,6 +125,7 @@ public:
 Insert::Insert(Table *table, const Record &record)
     : d(new Private { table, record })
 {
+    setText(commandText(QT_TRANSLATE_NOOP("Undo", "Insert row %1 into %2"), record, table));
 }
 
 Insert::~Insert() = default;
@@ -118,6 +152,7 @@ public:
 Delete::Delete(Table *table, const Record &record)
     : d(new Private { table, record })
 {
+    setText(commandText(QT_TRANSLATE_NOOP("Undo", "Delete row %1 from %2"), record, table));
 }
 
 Delete::~Delete() = default;
@@ -147,6 +182,8 @@ public:
 Update::Update(Table *table, const Record &oldRecord, const Record &newRecord)
     : d(new Private { table, oldRecord, newRecord })
 {
+    warnSameRow("Update", oldRecord, newRecord);
+    setText(commandText(QT_TRANSLATE_NOOP("Undo", "Change row %1 of %2"), oldRecord, table));
 }
 
 Update::~Update() = default;
@@ -175,6 +212,7 @@ public:
 Clear::Clear(Table *table)
     : d(new Private { table, QList<Record>() })
 {
+    setText(tableText(QT_TRANSLATE_NOOP("Undo", "Clear %1"), table));
 }
 
 Clear::~Clear() = default;
@@ -249,6 +287,34 @@ private:
 Transaction::Transaction(Table *table)
     : d(new Private { table })
 {
+    setText(tableText(QT_TRANSLATE_NOOP("Undo", "Change %1"), table));
+}
+
+Transaction *Transaction::fromBatch(const RecordsTrans &trans)
+{
+    Table *table = trans.table();
+    // Owned here until complete: a failed copy must not leak the command.
+    std::unique_ptr<Transaction> command(new Transaction(table));
+    if (!table)
+        return command.release();
+    // Copies, not the rows themselves: the batch is about to overwrite the
+    // updated rows in place, and the command must keep the content it undoes
+    // to (or redoes) whatever happens to the table's rows later.
+    const QList<Record> inserted = trans.insertList();
+    const QList<Record> removed = trans.removeList();
+    const QList<Record> before = trans.updateList();
+    const QList<Record> after = trans.changeList();
+    for (const Record &record : removed)
+        new TransDelete(cloneOrThrow(record), command.get());
+    for (int i = 0; i < before.size() && i < after.size(); ++i)
+        new TransUpdate(cloneOrThrow(before.at(i)), cloneOrThrow(after.at(i)), command.get());
+    for (const Record &record : inserted)
+        new TransInsert(cloneOrThrow(record), command.get());
+    command->setText(
+        QCoreApplication::translate("Undo", "Change %1: %2 inserted, %3 changed, %4 deleted")
+            .arg(table->name(), QString::number(inserted.size()), QString::number(before.size()),
+                 QString::number(removed.size())));
+    return command.release();
 }
 
 Transaction::~Transaction() = default;
@@ -346,6 +412,7 @@ TransInsert::TransInsert(const Record &record, Transaction *parent)
     : TransCommand(parent)
     , d(new Private { record })
 {
+    setText(commandText(QT_TRANSLATE_NOOP("Undo", "Insert row %1"), record, nullptr));
 }
 
 TransInsert::~TransInsert() = default;
@@ -375,6 +442,7 @@ TransDelete::TransDelete(const Record &record, Transaction *parent)
     : TransCommand(parent)
     , d(new Private { record })
 {
+    setText(commandText(QT_TRANSLATE_NOOP("Undo", "Delete row %1"), record, nullptr));
 }
 
 TransDelete::~TransDelete() = default;
@@ -407,6 +475,8 @@ TransUpdate::TransUpdate(const Record &oldRecord, const Record &newRecord, Trans
     : TransCommand(parent)
     , d(new Private { oldRecord, newRecord })
 {
+    warnSameRow("TransUpdate", oldRecord, newRecord);
+    setText(commandText(QT_TRANSLATE_NOOP("Undo", "Change row %1"), oldRecord, nullptr));
 }
 
 TransUpdate::~TransUpdate() = default;

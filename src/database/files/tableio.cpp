@@ -21,6 +21,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -229,6 +230,67 @@ bool sameLayout(const Table *table, const TableIO::TableHeader &header)
             return false;
     }
     return true;
+}
+
+// Where a table's layout and a stored layout first differ, in words naming the
+// column: the message a user needs to see which side to change.
+QString layoutDifference(const Table *table, const TableIO::TableHeader &header)
+{
+    const QList<const TableColumnDef *> &columns = table->fieldDefs();
+    for (int i = 0; i < qMin(columns.size(), header.columns.size()); ++i) {
+        const TableColumnDef *mine = columns.at(i);
+        const TableColumnDef &stored = header.columns.at(i);
+        if (mine->type != stored.type || mine->size != stored.size)
+            return QStringLiteral("column %1 is '%2' %3 of %4 bytes in the table, '%5' %6 of %7 "
+                                  "bytes in the data")
+                .arg(i)
+                .arg(mine->name, QLatin1String(FieldType::typeName(mine->type)))
+                .arg(mine->size)
+                .arg(stored.name, QLatin1String(FieldType::typeName(stored.type)))
+                .arg(stored.size);
+    }
+    return QStringLiteral("the table has %1 columns, the data %2")
+        .arg(columns.size())
+        .arg(header.columns.size());
+}
+
+// Tells the user which columns a load passes over: file columns that reach no
+// column of the table, and table columns that nothing in the file fills. The
+// rows still load; the warning says how to bring the columns along.
+void warnUnmatchedColumns(const Table *table, const Table *scratch,
+                          const QList<FieldDefConvertor *> &conversions,
+                          const TableIO::Convertors &convertors)
+{
+    QStringList notLoaded;
+    QStringList notFilled;
+    for (const TableColumnDef *column : scratch->fieldDefs()) {
+        const bool used = std::any_of(conversions.cbegin(), conversions.cend(),
+                                      [column](const FieldDefConvertor *conversion) {
+                                          return conversion->source() == column;
+                                      });
+        const bool dropped = convertors.contains(TableIO::ConvertKey(QString(), column->name));
+        if (!used && !dropped)
+            notLoaded << column->name;
+    }
+    for (const TableColumnDef *column : table->fieldDefs()) {
+        const bool filled = std::any_of(conversions.cbegin(), conversions.cend(),
+                                        [column](const FieldDefConvertor *conversion) {
+                                            return conversion->target() == column;
+                                        });
+        const bool ruled = convertors.contains(TableIO::ConvertKey(column->name, QString()));
+        if (!filled && !ruled)
+            notFilled << column->name;
+    }
+    if (!notLoaded.isEmpty())
+        qWarning("TableIO: table '%s': the file's columns %s are not in the table and are not "
+                 "loaded. Read with addColumns to add them, or map them to columns of the "
+                 "table with TableIO::Convertors",
+                 qPrintable(table->name()), qPrintable(notLoaded.join(QStringLiteral(", "))));
+    if (!notFilled.isEmpty())
+        qWarning("TableIO: table '%s': the columns %s are not in the file and keep the value of "
+                 "a fresh row. Map them from a file column with TableIO::Convertors if they "
+                 "were renamed",
+                 qPrintable(table->name()), qPrintable(notFilled.join(QStringLiteral(", "))));
 }
 
 // Bytes of a list-shaped index of `count` rows that does not account for
@@ -599,10 +661,24 @@ bool TableIO::write(QDataStream &stream, bool withRows)
 
 bool TableIO::write(FilterProgress &progress, const QDir &dir, bool withRows)
 {
+    return write(progress, dir, withRows, Compression::HostDefault);
+}
+
+bool TableIO::write(const QDir &dir, Compression compression)
+{
+    FilterProgressTrue progress;
+    return write(progress, dir, true, compression);
+}
+
+bool TableIO::write(FilterProgress &progress, const QDir &dir, bool withRows,
+                    Compression compression)
+{
     d->error.clear();
     if (!d->table)
         return d->fail(QStringLiteral("no table to write"));
-    const bool compress = ICore::instance()->compressTableFiles();
+    const bool compress = compression == Compression::HostDefault
+        ? ICore::instance()->compressTableFiles()
+        : compression == Compression::Gzip;
     const QString path = compress ? compressedFileName(dir) : fileName(dir);
     const QString other = compress ? fileName(dir) : compressedFileName(dir);
     FileContext context(d->file, path);
@@ -766,6 +842,7 @@ bool TableIO::load(FilterProgress &progress, QDataStream &stream, bool addColumn
         d->fail(QStringLiteral("Table %1: %2").arg(d->tableName(), e.message));
         throw;
     }
+    warnUnmatchedColumns(layout, &scratch, conversions, convertors);
 
     const bool report = !FilterProgressTrue::isDefault(progress);
     // Same layout: stored rows go straight into the new rows.
@@ -1004,7 +1081,10 @@ bool TableIO::readRowList(FilterProgress &progress, QDataStream &stream,
     if (!sameLayout(table, header)) {
         skipBytes(stream, bytes);
         return d->fail(
-            QStringLiteral("row list of table %1 does not have the table's layout").arg(name));
+            QStringLiteral("row list of table %1 does not have the table's layout: %2. A row "
+                           "list carries rows as they lie in memory; write it again from "
+                           "the table as it is now")
+                .arg(name, layoutDifference(table, header)));
     }
     const int rowCount = table->columnCount() == 0 ? 0 : header.rowCount;
     const bool report = !FilterProgressTrue::isDefault(progress);

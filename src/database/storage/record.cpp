@@ -3,6 +3,8 @@
 #include "storage/rowlayout_p.h"
 #include <database/table.h>
 
+#include <QDebug>
+
 #include <cstring>
 
 namespace {
@@ -122,14 +124,27 @@ void Record::copy(const Record &other, int first, int last)
 
 Field Record::data(const QString &name)
 {
-    const Table *t = table();
-    return t->dataPtr(m_row, t->columnIndex(name));
+    return qAsConst(*this).data(name);
 }
 
 Field Record::data(const QString &name) const
 {
+    if (!m_row) {
+        qWarning("Record::data: the record is null (column '%s'); a row must be allocated "
+                 "(Record(table)) or found before its cells are used",
+                 qPrintable(name));
+        return Field();
+    }
     const Table *t = table();
-    return t->dataPtr(m_row, t->columnIndex(name));
+    const int column = t->columnIndex(name);
+    if (column < 0) {
+        qWarning("Record::data: table '%s' has no column '%s'. Its columns are: %s. Check the "
+                 "name, or add the column with Table::addColumn()",
+                 qPrintable(t->name()), qPrintable(name),
+                 qPrintable(t->columns().join(QStringLiteral(", "))));
+        return Field();
+    }
+    return t->dataPtr(m_row, column);
 }
 
 Field Record::data(int column) const

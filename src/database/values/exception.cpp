@@ -13,6 +13,13 @@ Exception::Exception(const QString &message)
 
 Exception::Exception(const Exception &other) = default;
 
+const char *Exception::what() const noexcept
+{
+    // Built on demand: the message is a public field that callers may change.
+    m_what = message.toUtf8();
+    return m_what.constData();
+}
+
 Exception::~Exception()
 {
     dump();
