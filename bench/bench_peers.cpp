@@ -369,15 +369,15 @@ template <typename System> void BM_Deletes(benchmark::State &state)
 
 // Rates over the CPU time of the whole process: the library sorts on worker
 // threads, and with other work on the machine CPU time is the fairer clock.
-void once(benchmark::internal::Benchmark *benchmark)
+void once(benchmark::internal::Benchmark *b)
 {
-    benchmark->Unit(benchmark::kMillisecond)->Iterations(1)->MeasureProcessCPUTime();
+    b->Unit(benchmark::kMillisecond)->Iterations(1)->MeasureProcessCPUTime();
 }
 
 #define PEER_BENCH(workload)                                                                       \
-    BENCHMARK_TEMPLATE(workload, Library)->Unit(benchmark::kMillisecond)->Iterations(1);           \
-    BENCHMARK_TEMPLATE(workload, MultiIndex)->Unit(benchmark::kMillisecond)->Iterations(1);        \
-    BENCHMARK_TEMPLATE(workload, Sql)->Unit(benchmark::kMillisecond)->Iterations(1)
+    BENCHMARK_TEMPLATE(workload, Library)->Apply(once);                                            \
+    BENCHMARK_TEMPLATE(workload, MultiIndex)->Apply(once);                                         \
+    BENCHMARK_TEMPLATE(workload, Sql)->Apply(once)
 
 PEER_BENCH(BM_InsertOne);
 PEER_BENCH(BM_InsertBatches);

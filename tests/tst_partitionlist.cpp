@@ -206,14 +206,14 @@ void tst_PartitionList::batchInsertAndPartitionPoint()
         model << row();
         list.append(model.last());
     }
-    for (int step = 0; step < 40; ++step) {
+    for (int step = 0; step < 12; ++step) {
         const int n = model.size();
         const Counts counts = list.partCounts();
         QVector<int> targets;
-        for (int i = int(random.bounded(step % 10 == 9 ? 12000 : 300)); i > 0; --i)
+        for (int i = int(random.bounded(step == 5 ? 12000 : 300)); i > 0; --i)
             targets << int(random.bounded(n + 1));
         targets << 0 << n << counts.first();
-        if (step % 10 == 9)
+        if (step == 5)
             targets << QVector<int>(11000, counts.first() / 2);
         std::sort(targets.begin(), targets.end());
         QList<Record> values;
