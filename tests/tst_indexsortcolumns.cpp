@@ -149,9 +149,10 @@ void tst_IndexSortColumns::batchKeepsOrder()
         leaving.remove();
     }
     table->endUpdate();
-    // Rows re-entering after a batch go after their equal keys.
+    // Rows re-entering after a batch go after their equal keys; a batch that
+    // leaves the key columns alone leaves its rows where they stand.
     QCOMPARE(ids(byPrice), QStringLiteral("6 5 1 2 4"));
-    QCOMPARE(ids(byTs), QStringLiteral("1 4 5 2 6"));
+    QCOMPARE(ids(byTs), QStringLiteral("1 4 2 5 6"));
     QVERIFY2(IndexChecker::check(table).isEmpty(), qPrintable(IndexChecker::check(table)));
 }
 

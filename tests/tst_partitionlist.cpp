@@ -40,6 +40,7 @@ private Q_SLOTS:
     void partRules();
     void edges();
     void randomAgainstQList();
+    void batchInsertAndPartitionPoint();
 
 private:
     Record row() { return Record(&table); }
@@ -190,6 +191,57 @@ void tst_PartitionList::randomAgainstQList()
     }
     for (const Record &record : qAsConst(model))
         QCOMPARE(record.refCount(), 1);
+}
+
+// insertSorted() against QList inserts from the back, with batches that hit
+// position 0, the end, part boundaries and one part with more than partSize
+// values; partitionPoint() against std::partition_point from every kind of
+// start.
+void tst_PartitionList::batchInsertAndPartitionPoint()
+{
+    QRandomGenerator random(77);
+    QList<Record> model;
+    List list;
+    for (int i = 0; i < 25000; ++i) {
+        model << row();
+        list.append(model.last());
+    }
+    for (int step = 0; step < 12; ++step) {
+        const int n = model.size();
+        const Counts counts = list.partCounts();
+        QVector<int> targets;
+        for (int i = int(random.bounded(step == 5 ? 12000 : 300)); i > 0; --i)
+            targets << int(random.bounded(n + 1));
+        targets << 0 << n << counts.first();
+        if (step == 5)
+            targets << QVector<int>(11000, counts.first() / 2);
+        std::sort(targets.begin(), targets.end());
+        QList<Record> values;
+        for (int i = 0; i < targets.size(); ++i)
+            values << row();
+        list.insertSorted(targets, values);
+        for (int i = targets.size() - 1; i >= 0; --i)
+            model.insert(targets[i], values[i]);
+        const QString error = broken(list);
+        QVERIFY2(error.isEmpty(), qPrintable(QStringLiteral("step %1: ").arg(step) + error));
+        QVERIFY2(std::equal(list.begin(), list.end(), model.begin(), model.end()),
+                 qPrintable(QStringLiteral("contents differ at step %1").arg(step)));
+    }
+    // A partitioned predicate over the rows by their place in the model.
+    QHash<const unsigned char *, int> place;
+    for (int i = 0; i < model.size(); ++i)
+        place.insert(model[i].row(), i);
+    for (int cut : { 0, 1, 9999, 10000, model.size() / 2, model.size() - 1, model.size() }) {
+        const auto before = [&](const Record &r) { return place.value(r.row()) < cut; };
+        for (int from : { -1, 0, cut / 2, cut, model.size() - 1, model.size() + 5 })
+            QCOMPARE(list.partitionPoint(from, before),
+                     from >= model.size() ? model.size() : std::max({ from, cut, 0 }));
+    }
+    QTest::ignoreMessage(QtWarningMsg,
+                         "PartitionList::insertSorted: targets out of order or range; nothing "
+                         "inserted");
+    list.insertSorted({ 2, 1 }, { row(), row() });
+    QCOMPARE(list.count(), model.size());
 }
 
 QTEST_GUILESS_MAIN(tst_PartitionList)

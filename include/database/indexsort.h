@@ -37,7 +37,10 @@ class IndexSortPrivate;
 // always re-enters its updated rows after their equal keys.
 //
 // Batches (process()) take their rows out by ranges and merge the entering
-// rows in runs, so each part moves once per run. The positions of the leaving
+// rows by one merge pass over each part they enter. An updated row that the
+// merge would put back exactly where it stands (strictly between staying
+// neighbours, no other entering row with an equal key) is left in place: the
+// same result without moving it. The positions of the leaving
 // rows are noted by preprocess(), which the table calls before it copies the
 // batch's new cells into the rows; without it (or when the index changed in
 // between) they are searched for, rows whose keys moved by one shared scan.
@@ -127,6 +130,10 @@ private:
     // Moves the record at `position` to its upper bound; columns first..last
     // changed (told to the observers).
     void reposition(const Record &record, int position, int first, int last);
+    // Which updated rows the merge would put back where they stand;
+    // `positions` are those of removed + updated, the updated from `offset`.
+    QVector<bool> staying(const QList<Record> &updated, const QVector<int> &positions, int offset,
+                          const QList<Record> &inserted) const;
     // The positions noted by preprocess() for exactly these rows, if they
     // still hold them; otherwise indexOfs().
     QVector<int> leavingPositions(const QList<Record> &leaving) const;

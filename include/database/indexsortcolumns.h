@@ -32,6 +32,13 @@ Q_DECLARE_METATYPE(SortColumn)
 // arrival order (IndexSort's invariant 2). The same row compares 0 and the
 // null record sorts before every row.
 //
+// Batches: a batch whose changed columns (first..last) include no key column
+// leaves its updated rows where they stand, neither re-examined for order nor
+// for filter(): it costs this index only its removed and inserted rows. A
+// subclass whose filter() reads other columns sees those rows as of their
+// last placement. Otherwise, and always while the index has observers (an
+// item model must hear of every updated row), batches are IndexSort's.
+//
 // Construction: the key columns are resolved once, by name. A name the table
 // does not have is reported with a warning and left out of the key; with no
 // key column left, every row compares equal and the index keeps arrival order.
@@ -51,6 +58,10 @@ public:
     // with the table's spelling of its name.
     QVector<SortColumn> columns() const;
     int compare(const Record &a, const Record &b) const override;
+    void preprocess(const QList<Record> &removed, const QList<Record> &updated, int first, int last,
+                    const QList<Record> &inserted, const QList<Record> &changed) override;
+    void process(const QList<Record> &removed, const QList<Record> &updated, int first, int last,
+                 const QList<Record> &inserted) override;
     const char *getClassName() const override;
 
 private:

@@ -251,6 +251,35 @@ public:
         return m_parts[slot]->m_items[pos - m_starts[slot]];
     }
 
+    // The first position in [from, count()) whose element fails `pred`, or
+    // count(). REQUIRES: `pred` holds for a prefix of that range and fails for
+    // the rest (as for std::partition_point). Probes the parts' first elements,
+    // then one part's array directly: no position look-up per probe.
+    template <typename Pred> int partitionPoint(int from, Pred pred) const
+    {
+        from = std::max(from, 0);
+        if (from >= m_count)
+            return m_count;
+        const int firstSlot = slotAt(from);
+        // The first later slot whose first element fails (the trailing
+        // sentinel when none does).
+        int low = firstSlot + 1;
+        int high = m_parts.size() - 1;
+        while (low < high) {
+            const int middle = low + ((high - low) >> 1);
+            if (pred(m_parts[middle]->m_items[0]))
+                low = middle + 1;
+            else
+                high = middle;
+        }
+        const int slot = low - 1;
+        const Part *part = m_parts[slot];
+        const T *items = part->m_items;
+        const T *found = std::partition_point(
+            items + (slot == firstSlot ? from - m_starts[slot] : 0), items + part->m_count, pred);
+        return m_starts[slot] + int(found - part->m_items);
+    }
+
     // Inserts `value` before position `pos`, splitting the part at half when it
     // reaches partSize.
     void insert(int pos, const T &value)
@@ -295,6 +324,52 @@ public:
             splitEvenly(slot);
         else
             recount(slot + 1);
+    }
+
+    // Inserts values[i] before the element now at targets[i], all at once:
+    // each part receiving values is merged in one pass from its end, so a
+    // batch costs a part's length per part it touches rather than per value.
+    // Values with equal targets go in their given order; a target at a part's
+    // end stays in that part, and a part that reaches partSize is split
+    // evenly. REQUIRES: targets non-decreasing, within [0, count()], and as
+    // many as values (otherwise: warning, nothing inserted).
+    void insertSorted(const QVector<int> &targets, const QList<T> &values)
+    {
+        const int n = values.size();
+        if (targets.size() != n || (n > 0 && (targets.first() < 0 || targets.last() > m_count))
+            || !std::is_sorted(targets.cbegin(), targets.cend())) {
+            qWarning("PartitionList::insertSorted: targets out of order or range; nothing inserted");
+            return;
+        }
+        if (n == 0)
+            return;
+        if (m_count == 0) {
+            insert(0, values);
+            return;
+        }
+        int lastValue = n;
+        int firstSlot = m_parts.size() - 2;
+        while (lastValue > 0) {
+            // The part receiving targets[lastValue - 1] and every earlier value
+            // bound for it: the last real slot whose start is below the target,
+            // or the first real slot.
+            const int target = targets.at(lastValue - 1);
+            int slot = int(std::lower_bound(m_starts.cbegin() + 1, m_starts.cend() - 1, target)
+                           - m_starts.cbegin())
+                - 1;
+            slot = std::max(slot, 1);
+            const int start = m_starts[slot];
+            int firstValue = lastValue - 1;
+            while (firstValue > 0 && targets.at(firstValue - 1) > start)
+                --firstValue;
+            if (slot == 1)
+                firstValue = 0;
+            mergeInto(slot, start, targets, values, firstValue, lastValue);
+            firstSlot = slot;
+            lastValue = firstValue;
+        }
+        m_count += n;
+        recount(firstSlot + 1);
     }
 
     // Appends at the end without ever splitting: a new last part is opened when
@@ -572,6 +647,33 @@ private:
             split(slot, piece * base + std::min(piece, longer));
         if (part->m_capacity > partSize + 2)
             part->realloc(partSize + 2);
+    }
+
+    // insertSorted() for the values [firstValue, lastValue), all bound for the
+    // part at `slot` whose list start is `start`. Leaves m_count and the
+    // later starts to the caller.
+    void mergeInto(int slot, int start, const QVector<int> &targets, const QList<T> &values,
+                   int firstValue, int lastValue)
+    {
+        Part *part = m_parts[slot];
+        const int extra = lastValue - firstValue;
+        if (part->m_count + extra > part->m_capacity)
+            part->realloc(grownCapacity(part, extra));
+        T *items = part->m_items;
+        int unmoved = part->m_count; // existing elements [0, unmoved) are in place
+        int write = part->m_count + extra;
+        for (int i = lastValue - 1; i >= firstValue; --i) {
+            const int local = targets.at(i) - start;
+            const int chunk = unmoved - local;
+            write -= chunk;
+            std::memmove(static_cast<void *>(items + write), static_cast<const void *>(items + local),
+                         size_t(chunk) * sizeof(T));
+            unmoved = local;
+            new (items + --write) T(values.at(i));
+        }
+        part->m_count += extra;
+        if (part->m_count >= partSize)
+            splitEvenly(slot);
     }
 
     void eraseSlot(int slot)

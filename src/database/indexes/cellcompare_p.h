@@ -60,7 +60,13 @@ inline int compareCells(const unsigned char *a, const unsigned char *b,
     case FieldType::Double:
         return order(cellValue<double>(a, offset), cellValue<double>(b, offset));
     case FieldType::Decimal: {
-        const int c = cellValue<decimal>(a, offset).compare(cellValue<decimal>(b, offset));
+        // Equal scales (the common case in one column) compare as the signed
+        // words, as decimal::compare does; only mixed scales need the call.
+        const quint64 wa = cellValue<quint64>(a, offset);
+        const quint64 wb = cellValue<quint64>(b, offset);
+        if (((wa ^ wb) & (quint64(0x7f) << 56)) == 0)
+            return order(qint64(wa), qint64(wb));
+        const int c = decimal::fromRaw(wa).compare(decimal::fromRaw(wb));
         return c < 0 ? -1 : (c > 0 ? 1 : 0);
     }
     case FieldType::VarChar:

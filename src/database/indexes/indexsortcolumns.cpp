@@ -14,6 +14,18 @@ public:
         bool descending;
     };
     QVector<Key> keys;
+
+    // Whether a batch changing columns first..last (-1: open end) can
+    // change any key cell.
+    bool touchesKey(int first, int last) const
+    {
+        for (const Key &key : keys) {
+            const int column = key.column->index;
+            if ((first < 0 || column >= first) && (last < 0 || column <= last))
+                return true;
+        }
+        return false;
+    }
 };
 
 IndexSortColumns::IndexSortColumns(Table *table, const QVector<SortColumn> &columns,
@@ -69,4 +81,25 @@ int IndexSortColumns::compare(const Record &first, const Record &second) const
             return key.descending ? -c : c;
     }
     return 0;
+}
+
+void IndexSortColumns::preprocess(const QList<Record> &removed, const QList<Record> &updated,
+                                  int first, int last, const QList<Record> &inserted,
+                                  const QList<Record> &changed)
+{
+    // An observed index tells its observers of every updated row (an item
+    // model repaints them), so only an unobserved one may pass them over.
+    if (d->touchesKey(first, last) || observers())
+        IndexSort::preprocess(removed, updated, first, last, inserted, changed);
+    else
+        IndexSort::preprocess(removed, QList<Record>(), first, last, inserted, QList<Record>());
+}
+
+void IndexSortColumns::process(const QList<Record> &removed, const QList<Record> &updated,
+                               int first, int last, const QList<Record> &inserted)
+{
+    if (d->touchesKey(first, last) || observers())
+        IndexSort::process(removed, updated, first, last, inserted);
+    else
+        IndexSort::process(removed, QList<Record>(), first, last, inserted);
 }
