@@ -91,27 +91,6 @@ private:
     const Index *m_source;
 };
 
-class TableLock
-{
-public:
-    explicit TableLock(const Table *table)
-        : m_table(table)
-    {
-        if (m_table)
-            m_table->lock();
-    }
-    ~TableLock()
-    {
-        if (m_table)
-            m_table->unlock();
-    }
-    TableLock(const TableLock &) = delete;
-    TableLock &operator=(const TableLock &) = delete;
-
-private:
-    const Table *m_table;
-};
-
 } // namespace
 
 // Watches the original index while the model shows its header-sort index,
@@ -674,14 +653,14 @@ IndexModel::IndexModel(IndexIterative *index, QObject *parent)
         for (int c = 0; c < d->table->columnCount(); ++c)
             d->columns.append(c);
     }
-    TableLock lock(d->table);
+    TableLocker lock(d->table);
     d->attach(d->sourceList);
     d->rows.insert(0, d->shownRows());
 }
 
 IndexModel::~IndexModel()
 {
-    TableLock lock(d->table);
+    TableLocker lock(d->table);
     d->detach();
     if (d->sourceWatch && d->sourceList)
         d->sourceList->removeObserver(d->sourceWatch.get());
@@ -738,7 +717,7 @@ int IndexModel::tableColumn(int column) const
 
 void IndexModel::setRowLimit(int limit)
 {
-    TableLock lock(d->table);
+    TableLocker lock(d->table);
     d->limit = limit < 0 ? -1 : limit;
     const QList<Record> next = d->shownRows();
     const int before = d->rows.count();
@@ -821,7 +800,7 @@ QVariant IndexModel::data(const QModelIndex &index, int role) const
     }
     case Qt::DisplayRole:
     case Qt::EditRole: {
-        TableLock lock(d->table);
+        TableLocker lock(d->table);
         const Record &record = d->rows.at(index.row());
         const Field field = record.data(column);
         if (role == Qt::DisplayRole && !d->seen.contains(record.row()))
@@ -849,7 +828,7 @@ void IndexModel::sort(int column, Qt::SortOrder order)
 {
     if (!d->sourceList || !d->table)
         return;
-    TableLock lock(d->table);
+    TableLocker lock(d->table);
     std::unique_ptr<HeaderSortIndex> previous = std::move(d->sortIndex);
     IndexList *next = d->sourceList;
     if (column >= 0 && column < d->columns.size()) {
@@ -860,6 +839,10 @@ void IndexModel::sort(int column, Qt::SortOrder order)
     }
     d->detach();
     d->attach(next);
+    // Deleting a registered index is silent: the replaced sort index leaves
+    // the table's registry first, so that the table's listeners hear of it.
+    if (previous)
+        d->table->removeIndex(previous.get());
     if (next == d->sourceList) {
         if (d->sourceWatch)
             d->sourceList->removeObserver(d->sourceWatch.get());
@@ -977,7 +960,7 @@ void IndexModel::sourceDestroyed()
 
 void IndexModel::applyForeignChanges()
 {
-    TableLock lock(d->table);
+    TableLocker lock(d->table);
     QSet<RowKey> touched;
     QList<Record> touchedRecords; // keeps the touched rows' addresses theirs
     int lo, hi;
