@@ -23,7 +23,7 @@ int modelWarnings = 0;
 QtMessageHandler previousHandler = nullptr;
 void countModelWarnings(QtMsgType type, const QMessageLogContext &context, const QString &text)
 {
-    if (text.contains(QLatin1String("IndexModel")))
+    if (type == QtWarningMsg && text.startsWith(QLatin1String("IndexModel:")))
         ++modelWarnings;
     else if (type != QtWarningMsg)
         previousHandler(type, context, text);
