@@ -338,7 +338,8 @@ public:
         const int n = values.size();
         if (targets.size() != n || (n > 0 && (targets.first() < 0 || targets.last() > m_count))
             || !std::is_sorted(targets.cbegin(), targets.cend())) {
-            qWarning("PartitionList::insertSorted: targets out of order or range; nothing inserted");
+            qWarning(
+                "PartitionList::insertSorted: targets out of order or range; nothing inserted");
             return;
         }
         if (n == 0)
@@ -666,8 +667,8 @@ private:
             const int local = targets.at(i) - start;
             const int chunk = unmoved - local;
             write -= chunk;
-            std::memmove(static_cast<void *>(items + write), static_cast<const void *>(items + local),
-                         size_t(chunk) * sizeof(T));
+            std::memmove(static_cast<void *>(items + write),
+                         static_cast<const void *>(items + local), size_t(chunk) * sizeof(T));
             unmoved = local;
             new (items + --write) T(values.at(i));
         }
