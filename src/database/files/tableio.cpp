@@ -17,11 +17,11 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QSaveFile>
+#include <QSet>
 
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -261,24 +261,24 @@ void warnUnmatchedColumns(const Table *table, const Table *scratch,
                           const QList<FieldDefConvertor *> &conversions,
                           const TableIO::Convertors &convertors)
 {
+    // Sets of the columns the conversions read and write: linear in the
+    // number of columns, also for the widest files.
+    QSet<const TableColumnDef *> sources;
+    QSet<const TableColumnDef *> targets;
+    for (const FieldDefConvertor *conversion : conversions) {
+        sources.insert(conversion->source());
+        targets.insert(conversion->target());
+    }
     QStringList notLoaded;
     QStringList notFilled;
     for (const TableColumnDef *column : scratch->fieldDefs()) {
-        const bool used = std::any_of(conversions.cbegin(), conversions.cend(),
-                                      [column](const FieldDefConvertor *conversion) {
-                                          return conversion->source() == column;
-                                      });
         const bool dropped = convertors.contains(TableIO::ConvertKey(QString(), column->name));
-        if (!used && !dropped)
+        if (!sources.contains(column) && !dropped)
             notLoaded << column->name;
     }
     for (const TableColumnDef *column : table->fieldDefs()) {
-        const bool filled = std::any_of(conversions.cbegin(), conversions.cend(),
-                                        [column](const FieldDefConvertor *conversion) {
-                                            return conversion->target() == column;
-                                        });
         const bool ruled = convertors.contains(TableIO::ConvertKey(column->name, QString()));
-        if (!filled && !ruled)
+        if (!targets.contains(column) && !ruled)
             notFilled << column->name;
     }
     if (!notLoaded.isEmpty())
