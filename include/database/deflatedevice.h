@@ -4,6 +4,7 @@
 #include <database/database_global.h>
 
 #include <QIODevice>
+#include <QScopedPointer>
 
 class DeflateDevicePrivate;
 
@@ -135,7 +136,7 @@ protected:
 
 private:
     Q_DISABLE_COPY(DeflateDevice)
-    DeflateDevicePrivate *const d;
+    const QScopedPointer<DeflateDevicePrivate> d;
     friend class DeflateDevicePrivate;
 };
 

@@ -71,6 +71,16 @@ class Table;
 // Threads: the thread that owns the table's changes (the undo stack's thread).
 namespace Undo {
 
+class InsertPrivate;
+class DeletePrivate;
+class UpdatePrivate;
+class ClearPrivate;
+class TransactionPrivate;
+class TransCommandPrivate;
+class TransInsertPrivate;
+class TransDeletePrivate;
+class TransUpdatePrivate;
+
 // Appends a clone of the record on redo; removes the row with its key on undo.
 class DATABASE_EXPORT Insert : public QUndoCommand
 {
@@ -82,8 +92,7 @@ public:
 
 private:
     Q_DISABLE_COPY(Insert)
-    class Private;
-    const QScopedPointer<Private> d;
+    const QScopedPointer<InsertPrivate> d;
 };
 
 // The mirror of Insert: removes the row with the record's key on redo, appends
@@ -98,8 +107,7 @@ public:
 
 private:
     Q_DISABLE_COPY(Delete)
-    class Private;
-    const QScopedPointer<Private> d;
+    const QScopedPointer<DeletePrivate> d;
 };
 
 // Copies the new content into the row with the old record's key on redo, the
@@ -116,8 +124,7 @@ public:
 
 private:
     Q_DISABLE_COPY(Update)
-    class Private;
-    const QScopedPointer<Private> d;
+    const QScopedPointer<UpdatePrivate> d;
 };
 
 // Empties the table on redo, keeping clones of its rows in master-index order;
@@ -142,8 +149,7 @@ public:
 
 private:
     Q_DISABLE_COPY(Clear)
-    class Private;
-    const QScopedPointer<Private> d;
+    const QScopedPointer<ClearPrivate> d;
 };
 
 class TransCommand;
@@ -179,8 +185,7 @@ public:
 
 private:
     Q_DISABLE_COPY(Transaction)
-    class Private;
-    const QScopedPointer<Private> d;
+    const QScopedPointer<TransactionPrivate> d;
 };
 
 // A child of a Transaction: works on the record transaction that its parent
@@ -206,8 +211,7 @@ protected:
 
 private:
     Q_DISABLE_COPY(TransCommand)
-    class Private;
-    const QScopedPointer<Private> d;
+    const QScopedPointer<TransCommandPrivate> d;
 };
 
 // Registers the record on redo (inserted if its key is missing, else reported
@@ -222,8 +226,7 @@ public:
 
 private:
     Q_DISABLE_COPY(TransInsert)
-    class Private;
-    const QScopedPointer<Private> d;
+    const QScopedPointer<TransInsertPrivate> d;
 };
 
 // The mirror of TransInsert.
@@ -237,8 +240,7 @@ public:
 
 private:
     Q_DISABLE_COPY(TransDelete)
-    class Private;
-    const QScopedPointer<Private> d;
+    const QScopedPointer<TransDeletePrivate> d;
 };
 
 // Writes the whole new record over the row with the old record's key on redo,
@@ -254,8 +256,7 @@ public:
 
 private:
     Q_DISABLE_COPY(TransUpdate)
-    class Private;
-    const QScopedPointer<Private> d;
+    const QScopedPointer<TransUpdatePrivate> d;
 };
 
 } // namespace Undo

@@ -4,6 +4,7 @@
 #include <database/database_global.h>
 #include <database/settings/settings.h>
 
+#include <QScopedPointer>
 #include <QSettings>
 
 class MapSettingsPrivate;
@@ -84,7 +85,7 @@ public:
 private:
     QSettings::SettingsMap snapshot() const;
 
-    MapSettingsPrivate *const d;
+    const QScopedPointer<MapSettingsPrivate> d;
 };
 
 #endif // DATABASE_SETTINGS_MAPSETTINGS_H

@@ -115,7 +115,7 @@ namespace Undo {
 
 // --- Insert and Delete ---------------------------------------------------------------
 
-class Insert::Private
+class InsertPrivate
 {
 public:
     Table *table;
@@ -123,7 +123,7 @@ public:
 };
 
 Insert::Insert(Table *table, const Record &record)
-    : d(new Private { table, record })
+    : d(new InsertPrivate { table, record })
 {
     setText(commandText(QT_TRANSLATE_NOOP("Undo", "Insert row %1 into %2"), record, table));
 }
@@ -142,7 +142,7 @@ void Insert::undo()
     QUndoCommand::undo();
 }
 
-class Delete::Private
+class DeletePrivate
 {
 public:
     Table *table;
@@ -150,7 +150,7 @@ public:
 };
 
 Delete::Delete(Table *table, const Record &record)
-    : d(new Private { table, record })
+    : d(new DeletePrivate { table, record })
 {
     setText(commandText(QT_TRANSLATE_NOOP("Undo", "Delete row %1 from %2"), record, table));
 }
@@ -171,7 +171,7 @@ void Delete::undo()
 
 // --- Update ----------------------------------------------------------------------------
 
-class Update::Private
+class UpdatePrivate
 {
 public:
     Table *table;
@@ -180,7 +180,7 @@ public:
 };
 
 Update::Update(Table *table, const Record &oldRecord, const Record &newRecord)
-    : d(new Private { table, oldRecord, newRecord })
+    : d(new UpdatePrivate { table, oldRecord, newRecord })
 {
     warnSameRow("Update", oldRecord, newRecord);
     setText(commandText(QT_TRANSLATE_NOOP("Undo", "Change row %1 of %2"), oldRecord, table));
@@ -202,7 +202,7 @@ void Update::redo()
 
 // --- Clear -----------------------------------------------------------------------------
 
-class Clear::Private
+class ClearPrivate
 {
 public:
     Table *table;
@@ -210,7 +210,7 @@ public:
 };
 
 Clear::Clear(Table *table)
-    : d(new Private { table, QList<Record>() })
+    : d(new ClearPrivate { table, QList<Record>() })
 {
     setText(tableText(QT_TRANSLATE_NOOP("Undo", "Clear %1"), table));
 }
@@ -258,7 +258,7 @@ void Clear::undo()
 
 // --- Transaction -------------------------------------------------------------------------
 
-class Transaction::Private
+class TransactionPrivate
 {
 public:
     Table *table;
@@ -285,7 +285,7 @@ private:
 } // namespace
 
 Transaction::Transaction(Table *table)
-    : d(new Private { table })
+    : d(new TransactionPrivate { table })
 {
     setText(tableText(QT_TRANSLATE_NOOP("Undo", "Change %1"), table));
 }
@@ -354,7 +354,7 @@ void Transaction::undo()
 
 // --- TransCommand --------------------------------------------------------------------------
 
-class TransCommand::Private
+class TransCommandPrivate
 {
 public:
     RecordsTrans *trans = nullptr;
@@ -362,7 +362,7 @@ public:
 
 TransCommand::TransCommand(Transaction *parent)
     : QUndoCommand(parent)
-    , d(new Private)
+    , d(new TransCommandPrivate)
 {
 }
 
@@ -402,7 +402,7 @@ bool TransCommand::locate(RecordUpdater &updater, const Record &key) const
 
 // --- TransInsert and TransDelete -------------------------------------------------------------
 
-class TransInsert::Private
+class TransInsertPrivate
 {
 public:
     Record record;
@@ -410,7 +410,7 @@ public:
 
 TransInsert::TransInsert(const Record &record, Transaction *parent)
     : TransCommand(parent)
-    , d(new Private { record })
+    , d(new TransInsertPrivate { record })
 {
     setText(commandText(QT_TRANSLATE_NOOP("Undo", "Insert row %1"), record, nullptr));
 }
@@ -432,7 +432,7 @@ void TransInsert::undo()
     QUndoCommand::undo();
 }
 
-class TransDelete::Private
+class TransDeletePrivate
 {
 public:
     Record record;
@@ -440,7 +440,7 @@ public:
 
 TransDelete::TransDelete(const Record &record, Transaction *parent)
     : TransCommand(parent)
-    , d(new Private { record })
+    , d(new TransDeletePrivate { record })
 {
     setText(commandText(QT_TRANSLATE_NOOP("Undo", "Delete row %1"), record, nullptr));
 }
@@ -464,7 +464,7 @@ void TransDelete::undo()
 
 // --- TransUpdate -------------------------------------------------------------------------------
 
-class TransUpdate::Private
+class TransUpdatePrivate
 {
 public:
     Record oldRecord;
@@ -473,7 +473,7 @@ public:
 
 TransUpdate::TransUpdate(const Record &oldRecord, const Record &newRecord, Transaction *parent)
     : TransCommand(parent)
-    , d(new Private { oldRecord, newRecord })
+    , d(new TransUpdatePrivate { oldRecord, newRecord })
 {
     warnSameRow("TransUpdate", oldRecord, newRecord);
     setText(commandText(QT_TRANSLATE_NOOP("Undo", "Change row %1"), oldRecord, nullptr));

@@ -223,7 +223,6 @@ DeflateDevice::DeflateDevice(QIODevice *device, int compressionLevel, int buffer
 DeflateDevice::~DeflateDevice()
 {
     close();
-    delete d;
 }
 
 void DeflateDevice::setStreamFormat(StreamFormat format)

@@ -68,7 +68,6 @@ MapSettings &MapSettings::operator=(const MapSettings &other)
 MapSettings::~MapSettings()
 {
     clear();
-    delete d;
 }
 
 void MapSettings::init()
