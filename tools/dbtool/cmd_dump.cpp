@@ -354,10 +354,10 @@ int runDump(const QCommandLineParser &parser, Context &context)
     Selection selection;
     if (const int code = readSelection(parser, file, selection, context))
         return code;
-    Table layout(file.tableName());
-    for (const TableColumnDef &column : file.header().columns)
-        layout.addColumn(column);
-    RowWriter writer(context.out, format, &layout, selection.columns);
+    const std::unique_ptr<Table> layout = file.makeTable(error);
+    if (!layout)
+        return context.fail(ExitBadInput, error);
+    RowWriter writer(context.out, format, layout.get(), selection.columns);
     return writeRows(parser, file, selection, writer, context);
 }
 
@@ -404,12 +404,14 @@ int runExport(const QCommandLineParser &parser, Context &context)
             QStringLiteral("%1: can't write: %2").arg(target, output.errorString()));
     QTextStream stream(&output);
     stream.setCodec("UTF-8");
-    Table layout(file.tableName());
-    for (const TableColumnDef &column : file.header().columns)
-        layout.addColumn(column);
+    const std::unique_ptr<Table> layout = file.makeTable(error);
+    if (!layout) {
+        output.cancelWriting();
+        return context.fail(ExitBadInput, error);
+    }
     int code;
     {
-        RowWriter writer(stream, format, &layout, selection.columns);
+        RowWriter writer(stream, format, layout.get(), selection.columns);
         Context quiet { context.command, stream, context.err, context.quiet };
         code = writeRows(parser, file, selection, writer, quiet);
     }

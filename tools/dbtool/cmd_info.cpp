@@ -199,13 +199,9 @@ int runDescribe(const QCommandLineParser &parser, Context &context)
         QString error;
         if (!file.locate(paths.first(), error) || !file.readHeader(error))
             return context.fail(ExitBadInput, error);
-        table = std::make_unique<Table>(file.tableName());
-        try {
-            for (const TableColumnDef &column : file.header().columns)
-                table->addColumn(column);
-        } catch (const QString &message) {
-            return context.fail(ExitBadInput, QStringLiteral("%1: %2").arg(file.path(), message));
-        }
+        table = file.makeTable(error);
+        if (!table)
+            return context.fail(ExitBadInput, error);
     }
     QTextStream &out = context.out;
     out << "table " << table->name() << ": " << table->columnCount() << " columns\n";

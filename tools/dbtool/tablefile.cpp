@@ -235,19 +235,26 @@ bool setKeyColumns(Table &table, const QStringList &keyColumns, QString &error)
     return true;
 }
 
+std::unique_ptr<Table> TableFile::makeTable(QString &error) const
+{
+    auto table = std::make_unique<Table>(m_tableName);
+    try {
+        table->addColumns(m_header.columns);
+    } catch (const QString &message) {
+        error = QStringLiteral("%1: %2").arg(m_path, message);
+        return nullptr;
+    }
+    return table;
+}
+
 bool TableFile::read(const RowCallback &onRow, bool quiet, QString &error)
 {
     m_rowsRead = 0;
     if (!readHeader(error))
         return false;
-    m_table = std::make_unique<Table>(m_tableName);
-    try {
-        for (const TableColumnDef &column : m_header.columns)
-            m_table->addColumn(column);
-    } catch (const QString &message) {
-        error = QStringLiteral("%1: %2").arg(m_path, message);
+    m_table = makeTable(error);
+    if (!m_table)
         return false;
-    }
     if (!setKeyColumns(*m_table, m_header.keyColumns, error)) {
         error = QStringLiteral("%1: key columns: %2").arg(m_path, error);
         return false;

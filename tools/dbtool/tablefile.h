@@ -75,6 +75,10 @@ public:
     const TableIO::TableHeader &header() const { return m_header; }
     // The bytes of the header in the (uncompressed) stream.
     qint64 headerSize() const;
+    // An empty table with the header's columns, laid out once; null, with
+    // `error` naming the file, when the library refuses a definition.
+    // REQUIRES: readHeader() succeeded.
+    std::unique_ptr<Table> makeTable(QString &error) const;
     qint64 storedRowSize() const { return qint64(m_header.rowLength) + m_header.flagBytes; }
     Table *table() const { return m_table.get(); }
     // Rows handed to the callback by the last read().
