@@ -6,6 +6,10 @@
 
 #include <QtTest>
 
+#include <algorithm>
+#include <numeric>
+#include <random>
+
 using namespace TransFixture;
 
 class tst_RecordsTrans : public QObject
@@ -13,6 +17,7 @@ class tst_RecordsTrans : public QObject
     Q_OBJECT
 private slots:
     void stateMovesPerKey();
+    void manyKeysKeepTheirLists();
     void limitedViewIsTrimmed();
     void executeEarlyThenEmptyBatch();
     void writersAndMisuse();
@@ -76,6 +81,77 @@ void tst_RecordsTrans::stateMovesPerKey()
     const Model expected { { 1, { "a", 11.5, 7 } }, { 2, { "b", 20, 4 } }, { 6, { "f", 60, 6 } } };
     QCOMPARE(modelOf(q.table), expected);
     QCOMPARE(q.view->batches, (QVector<Batch> { { 1, 2, 1, 2, Price, Qty } }));
+    QVERIFY_INDEXES(&q.table);
+}
+
+// A batch far larger than one block of the transaction's bookkeeping, with
+// withdrawn inserts whose room is used again: the four lists still come out in
+// key order with one entry per key, and the table ends as the lists say.
+void tst_RecordsTrans::manyKeysKeepTheirLists()
+{
+    QuoteTable q;
+    Model model;
+    for (int id = 0; id < 6000; id += 2)
+        model.insert(id, { "old", double(id), 0 });
+    q.fill(model);
+    std::vector<int> ids(6000);
+    std::iota(ids.begin(), ids.end(), 0);
+    std::shuffle(ids.begin(), ids.end(), std::mt19937(3));
+    QList<int> inserted, removed, updated;
+    q.table.beginUpdate();
+    {
+        RecordsTrans trans(&q.table);
+        for (int id : ids) {
+            RecordUpdater updater(&trans);
+            if (id % 2) { // new: every third withdrawn, then half of those come back
+                updater.insertInMap(q.row(id, { "new", double(id), 1 }));
+                if (id % 3 == 0)
+                    updater.remove();
+                continue;
+            }
+            updater.setRecord(q.find(id));
+            updater.updateInMap();
+            updater.setValue(Qty, 2);
+            if (id % 3 == 0) {
+                updater.remove();
+                // An insert of a key pending removal edits the table's row and
+                // leaves the removal standing.
+                RecordUpdater again(&trans);
+                again.insertInMap(q.row(id, {}));
+                QCOMPARE(again.record(), q.find(id));
+            }
+        }
+        for (int id = 3; id < 6000; id += 12) {
+            RecordUpdater back(&trans);
+            back.insertInMap(q.row(id, { "back", double(id), 3 }));
+        }
+        for (int id = 0; id < 6000; ++id) {
+            if (id % 2 == 0)
+                (id % 3 == 0 ? removed : updated) << id;
+            else if (id % 3 != 0 || id % 12 == 3)
+                inserted << id;
+        }
+        const auto idsOf = [](const QList<Record> &rows) {
+            QList<int> list;
+            for (const Record &row : rows)
+                list << row.data(Id).get<qint32>();
+            return list;
+        };
+        QCOMPARE(idsOf(trans.insertList()), inserted);
+        QCOMPARE(idsOf(trans.removeList()), removed);
+        QCOMPARE(idsOf(trans.updateList()), updated);
+        QCOMPARE(idsOf(trans.changeList()), updated);
+        QVERIFY(trans.updateList().first() == q.find(updated.first())
+                && trans.changeList().first() != q.find(updated.first()));
+    }
+    q.table.endUpdate();
+    for (int id : removed)
+        model.remove(id);
+    for (int id : updated)
+        model[id].qty = 2;
+    for (int id : inserted)
+        model.insert(id, { id % 12 == 3 ? "back" : "new", double(id), id % 12 == 3 ? 3 : 1 });
+    QCOMPARE(modelOf(q.table), model);
     QVERIFY_INDEXES(&q.table);
 }
 
