@@ -339,8 +339,13 @@ void RecordUpdater::insertInMap(const Record &record)
     }
     // The row handling stays literal (a second row with that key arrives), but
     // a new user who meant an update gets told what happened and what to do.
+    // A key past the table's last one (ids arriving in ascending order) needs
+    // no search to know that it is new.
     const Table *table = m_trans->d->table;
-    if (table->masterIndex()->search(record, -1) != -1)
+    const MasterIndex *master = table->masterIndex();
+    const int rows = master->count();
+    const bool pastLast = rows == 0 || master->compare(master->at(rows - 1), record) < 0;
+    if (!pastLast && master->search(record, -1) != -1)
         qWarning("RecordUpdater::insertInMap: table '%s' already holds a row with key '%s'; "
                  "the batch adds a second row with that key. To change the existing row, "
                  "find it (Record(table, key)) and call updateInMap() instead",
