@@ -43,6 +43,7 @@ private Q_SLOTS:
     void integerKeyAsMaster();
     void orderedMaster();
     void addColumnRelaysRows();
+    void batchesMoveRowsOnlyForKeyChanges();
 };
 
 void tst_MasterIndex::lookupByKeyText()
@@ -263,4 +264,29 @@ void tst_MasterIndex::addColumnRelaysRows()
 }
 
 QTEST_GUILESS_MAIN(tst_MasterIndex)
+// A batch that changes no key column leaves updated rows in place, also
+// behind an equal key (a full re-merge would move them after it); a batch
+// over the key columns re-places them.
+void tst_MasterIndex::batchesMoveRowsOnlyForKeyChanges()
+{
+    Table table(QStringLiteral("batch"));
+    addQuoteColumns(table);
+    table.setMasterIndex(new MasterIndex_Column_Pure(&table, QStringLiteral("id")));
+    const QList<Record> rows = { makeRow(table, 1), makeRow(table, 1), makeRow(table, 2) };
+    table.appendList(rows);
+    const auto order = [&table] { return IndexChecker::rowsOf(table.masterIndex()); };
+    const std::vector<Record> before = order();
+    QList<Record> updated { before.front() };
+    const Record changed = before.front().clone();
+    changed.data(Quantity).set<double>(7);
+    table.process({}, updated, Quantity, Quantity, {}, { changed });
+    QVERIFY(order() == before);
+    QCOMPARE(before.front().data(Quantity).get<double>(), 7.0);
+
+    before.front().data(Id).set<qint32>(3);
+    table.process({}, updated, Id, Id, {}, {});
+    QVERIFY(order() == std::vector<Record>({ before[1], before[2], before[0] }));
+    QVERIFY_INDEXES(&table);
+}
+
 #include "tst_masterindex.moc"

@@ -237,6 +237,18 @@ void tst_PartitionList::batchInsertAndPartitionPoint()
             QCOMPARE(list.partitionPoint(from, before),
                      from >= model.size() ? model.size() : std::max({ from, cut, 0 }));
     }
+    // partitionPoints(): more queries than one lockstep group, cuts at both
+    // ends and at part boundaries, each answered as partitionPoint(0) would.
+    QVector<int> cuts { 0, model.size(), 1, model.size() - 1 };
+    for (int start = 0; start < model.size(); start += list.partCounts().first())
+        cuts << start << start + 1;
+    for (int i = 0; i < 150; ++i)
+        cuts << int(random.bounded(model.size() + 1));
+    QVector<int> points(cuts.size(), -1);
+    list.partitionPoints(
+        cuts.size(), [&](const Record &r, int q) { return place.value(r.row()) < cuts.at(q); },
+        [](const Record &) {}, points.data());
+    QCOMPARE(points, cuts);
     QTest::ignoreMessage(QtWarningMsg,
                          "PartitionList::insertSorted: targets out of order or range; nothing "
                          "inserted");

@@ -198,8 +198,9 @@ void tst_Table::processAndAppendList()
     f.table.process({ three }, updated, 1, 2, inserted, changed);
 
     QCOMPARE(f.log,
-             "A.preprocess([3],[1,2],1,2,[4],[1,2]) B.preprocess([3],[1,2],1,2,[4],[1,2]) "
-             "M.process([3],[1,2],1,2,[4]) A.process([3],[1,2],1,2,[4]) "
+             "M.preprocess([3],[1,2],1,2,[4],[1,2]) A.preprocess([3],[1,2],1,2,[4],[1,2]) "
+             "B.preprocess([3],[1,2],1,2,[4],[1,2]) M.process([3],[1,2],1,2,[4]) "
+             "A.process([3],[1,2],1,2,[4]) "
              "B.process([3],[1,2],1,2,[4])");
     for (int column = 1; column <= 3; ++column)
         QCOMPARE(two.data(column).get<int>() - one.data(column).get<int>(), column < 3 ? 1 : 0);

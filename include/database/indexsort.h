@@ -127,6 +127,8 @@ private:
     Q_DISABLE_COPY(IndexSort)
     int lowerBound(const Record &record) const;
     int upperBound(const Record &record, int low) const;
+    // lowerBound() (or upper bounds) of every record, searched together.
+    QVector<int> bounds(const QList<Record> &records, bool upper) const;
     // Moves the record at `position` to its upper bound; columns first..last
     // changed (told to the observers).
     void reposition(const Record &record, int position, int first, int last);

@@ -28,6 +28,12 @@ class TableColumnDef;
 // the other indexes: build() and rebuild() re-establish its order with
 // resort() and never empty it.
 //
+// Batches: a row's key decides its place, so a batch whose changed columns
+// include no key column leaves its updated rows where they stand (no search,
+// no move), also among rows with equal keys. An observed master index (an
+// item model over it) takes the sorted index's full path, so its observers
+// hear of every updated row; so does a master without key columns.
+//
 // Errors: construction and key-text errors are thrown (see each kind); all
 // kinds report the class name "MasterIndex".
 //
@@ -42,6 +48,12 @@ public:
     const char *getClassName() const override;
     void build() override;
     void rebuild() override;
+    // As IndexSort's, without the updated rows when the batch changed no key
+    // column (see Batches above).
+    void preprocess(const QList<Record> &removed, const QList<Record> &updated, int first, int last,
+                    const QList<Record> &inserted, const QList<Record> &changed) override;
+    void process(const QList<Record> &removed, const QList<Record> &updated, int first, int last,
+                 const QList<Record> &inserted) override;
 
     // The record's key as text.
     virtual QString toText(const Record &record) const = 0;
@@ -66,6 +78,7 @@ protected:
 
 private:
     Q_DISABLE_COPY(MasterIndex)
+    bool keepsUpdatedRows(int first, int last) const;
     const QScopedPointer<MasterIndexPrivate> d;
 };
 

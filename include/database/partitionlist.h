@@ -280,6 +280,53 @@ public:
         return m_starts[slot] + int(found - part->m_items);
     }
 
+    // partitionPoint(0, ...) for `n` queries at once: points[q] becomes the first
+    // position whose element fails pred(element, q). REQUIRES: for each q,
+    // pred(·, q) holds for a prefix of the list and fails for the rest.
+    //
+    // The searches advance in lockstep, a group of queries per step, so that
+    // the memory each probe needs is fetched while the other queries of the
+    // group are probed: `touch(element)` is called one pass before
+    // pred(element, q) and should prefetch what pred will read (for records:
+    // the row). A batch of searches then waits for memory about once per step
+    // of the group rather than once per probe.
+    template <typename Pred, typename Touch>
+    void partitionPoints(int n, Pred pred, Touch touch, int *points) const
+    {
+        constexpr int group = 64;
+        int low[group];
+        int high[group];
+        const T *items[group];
+        const int lastSlot = m_parts.size() - 1; // the trailing sentinel
+        for (int first = 0; first < n; first += group) {
+            const int size = std::min(group, n - first);
+            // The part: the last one whose first element passes (the first
+            // real part when none does), as partitionPoint() finds it.
+            for (int i = 0; i < size; ++i) {
+                low[i] = 2;
+                high[i] = lastSlot;
+            }
+            const auto slotProbe = [this, &low, &high](int i) -> const T & {
+                return m_parts[low[i] + ((high[i] - low[i]) >> 1)]->m_items[0];
+            };
+            lockstep(size, first, low, high, slotProbe, pred, touch);
+            // Within the part: its own array, no position look-up per probe.
+            for (int i = 0; i < size; ++i) {
+                const Part *part = m_parts[low[i] - 1];
+                items[i] = part ? part->m_items : nullptr;
+                points[first + i] = part ? m_starts[low[i] - 1] : 0;
+                low[i] = 0;
+                high[i] = part ? part->m_count : 0;
+            }
+            const auto itemProbe = [&items, &low, &high](int i) -> const T & {
+                return items[i][low[i] + ((high[i] - low[i]) >> 1)];
+            };
+            lockstep(size, first, low, high, itemProbe, pred, touch);
+            for (int i = 0; i < size; ++i)
+                points[first + i] += low[i];
+        }
+    }
+
     // Inserts `value` before position `pos`, splitting the part at half when it
     // reaches partSize.
     void insert(int pos, const T &value)
@@ -569,6 +616,36 @@ public:
     }
 
 private:
+    // One binary search per query i in [0, size) over [low[i], high[i]), all
+    // advancing a step at a time: probe(i) is the middle element, prefetched
+    // and touched a pass before pred(element, first + i) reads it.
+    template <typename Probe, typename Pred, typename Touch>
+    static void lockstep(int size, int first, int *low, int *high, Probe probe, Pred pred,
+                         Touch touch)
+    {
+        for (bool active = true; active;) {
+            for (int i = 0; i < size; ++i) {
+                if (low[i] < high[i])
+                    __builtin_prefetch(&probe(i));
+            }
+            for (int i = 0; i < size; ++i) {
+                if (low[i] < high[i])
+                    touch(probe(i));
+            }
+            active = false;
+            for (int i = 0; i < size; ++i) {
+                if (low[i] >= high[i])
+                    continue;
+                const int middle = low[i] + ((high[i] - low[i]) >> 1);
+                if (pred(probe(i), first + i))
+                    low[i] = middle + 1;
+                else
+                    high[i] = middle;
+                active = active || low[i] < high[i];
+            }
+        }
+    }
+
     // The slot holding position `pos`; the trailing sentinel for pos >= count().
     int slotAt(qint64 pos) const
     {

@@ -77,6 +77,13 @@ inline int compareCells(const unsigned char *a, const unsigned char *b,
     }
 }
 
+// Whether a batch that changed columns first..last (-1: an open end) may
+// have changed the cells of column `column`.
+inline bool batchChanges(int column, int first, int last)
+{
+    return (first < 0 || column >= first) && (last < 0 || column <= last);
+}
+
 // Presence first: a null cell sorts before a present one, two nulls are equal.
 inline int compareColumn(const unsigned char *a, const unsigned char *b,
                          const TableColumnDef *column)

@@ -1,6 +1,7 @@
 #include <database/indexsort.h>
 
 #include "indexes/indexobservers_p.h"
+#include "storage/rowlayout_p.h"
 
 #include <database/concurrentsort.h>
 #include <database/masterindex_struct.h>
@@ -41,33 +42,6 @@ private:
     static quint64 bit(const unsigned char *row) { return quint64(1) << (slot(row) & 63); }
     quint64 m_bits[1024] = {};
 };
-
-// The first position after `from` whose element compares equal to `key`
-// (compare(element, key) == 0), or -1. REQUIRES: the list is sorted by the
-// ordering behind `compare`.
-template <typename T, typename CompareFn>
-int searchBinary(const PartitionList<T> &list, const T &key, int from, CompareFn compare)
-{
-    int low = qMax(from + 1, 0);
-    int high = list.count();
-    int result = -1;
-    while (low < high) {
-        const int half = (high - low) >> 1;
-        const int middle = low + half;
-        const int c = compare(list.at(middle), key);
-        if (c > 0) {
-            high = middle;
-            if (half == 0)
-                break;
-        } else if (c < 0) {
-            low = middle + 1;
-        } else {
-            result = middle;
-            high = middle;
-        }
-    }
-    return result;
-}
 
 // Tells the observers of a sorted index where a batch took its rows from and
 // put them, when it goes out of scope (after the batch, also on an early
@@ -152,7 +126,10 @@ const char *IndexSort::getClassName() const
 
 int IndexSort::search(const Record &key, int from) const
 {
-    return searchBinary(records(), key, from, Compare(this));
+    const PartitionList<Record> &list = records();
+    const int position = list.partitionPoint(
+        from + 1, [this, &key](const Record &element) { return compare(element, key) < 0; });
+    return position < list.count() && compare(list.at(position), key) == 0 ? position : -1;
 }
 
 int IndexSort::searchLast(const Record &key, int from) const
@@ -238,30 +215,70 @@ int IndexSort::indexOf(const Record &record) const
     return -1;
 }
 
+QVector<int> IndexSort::bounds(const QList<Record> &wanted, bool upper) const
+{
+    const PartitionList<Record> &list = records();
+    QVector<int> result(wanted.size());
+    // Prefetch the lines of the row that compare() reads first: the header
+    // and the first cells, and the presence flags at the end of the data.
+    const Table *source = table();
+    const int flags = RowLayout::HeaderSize + (source ? source->rowLength() : 0);
+    const auto touch = [flags](const Record &element) {
+        const unsigned char *row = element.row();
+        __builtin_prefetch(row);
+        __builtin_prefetch(row + 64);
+        if (flags >= 128)
+            __builtin_prefetch(row + flags);
+    };
+    if (upper) {
+        list.partitionPoints(
+            wanted.size(),
+            [this, &wanted](const Record &element, int q) {
+                return compare(element, wanted.at(q)) <= 0;
+            },
+            touch, result.data());
+    } else {
+        list.partitionPoints(
+            wanted.size(),
+            [this, &wanted](const Record &element, int q) {
+                return compare(element, wanted.at(q)) < 0;
+            },
+            touch, result.data());
+    }
+    return result;
+}
+
 QVector<int> IndexSort::indexOfs(const QList<Record> &wanted) const
 {
     const PartitionList<Record> &list = records();
     QVector<int> result(wanted.size(), -1);
-    // Rows not found among their equal keys, to be found by one scan.
-    QHash<const unsigned char *, int> strays;
+    const QVector<int> lower = bounds(wanted, false);
+    // Among the equal keys, by identity: handles are compared as pointers,
+    // and the key only every `stride` rows to notice the end of the run, so
+    // that a long run of equal keys costs a walk through contiguous handles
+    // rather than a second search.
+    constexpr int stride = 64;
     for (int i = 0; i < wanted.size(); ++i) {
         const Record &record = wanted.at(i);
         if (record.isNull())
             continue;
-        // Among the equal keys, by identity: the run's end comes from one
-        // more search instead of a comparison per row stepped over.
-        int position = lowerBound(record);
-        const int end = upperBound(record, position);
+        int position = lower.at(i);
         auto it = list.cbegin();
         it += position;
-        for (; position < end; ++it, ++position) {
+        for (const int n = list.count(); position < n; ++it, ++position) {
             if (*it == record) {
                 result[i] = position;
                 break;
             }
+            if ((position - lower.at(i)) % stride == stride - 1 && compare(*it, record) != 0)
+                break;
         }
-        if (result.at(i) < 0)
-            strays.insert(record.row(), -1);
+    }
+    // Rows not found among their equal keys, to be found by one scan.
+    QHash<const unsigned char *, int> strays;
+    for (int i = 0; i < wanted.size(); ++i) {
+        if (result.at(i) < 0 && !wanted.at(i).isNull())
+            strays.insert(wanted.at(i).row(), -1);
     }
     if (strays.isEmpty())
         return result;
@@ -550,12 +567,11 @@ void IndexSort::process(const QList<Record> &removed, const QList<Record> &allUp
         list.insert(list.count(), entering);
         return;
     }
-    QVector<int> targets(entering.size());
-    int low = 0;
-    for (int i = 0; i < entering.size(); ++i) {
-        low = upperBound(entering.at(i), low);
-        targets[i] = low;
-    }
+    // The entering rows are in key order, so are their upper bounds; the
+    // running maximum only guards against a row standing out of order.
+    QVector<int> targets = bounds(entering, true);
+    for (int i = 1; i < targets.size(); ++i)
+        targets[i] = qMax(targets.at(i), targets.at(i - 1));
     report.setEnteringTargets(entering, targets);
     list.insertSorted(targets, entering);
 }

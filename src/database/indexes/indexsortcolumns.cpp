@@ -20,8 +20,7 @@ public:
     bool touchesKey(int first, int last) const
     {
         for (const Key &key : keys) {
-            const int column = key.column->index;
-            if ((first < 0 || column >= first) && (last < 0 || column <= last))
+            if (CellCompare::batchChanges(key.column->index, first, last))
                 return true;
         }
         return false;

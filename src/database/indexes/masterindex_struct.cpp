@@ -1,5 +1,6 @@
 #include <database/masterindex_struct.h>
 
+#include "indexes/cellcompare_p.h"
 #include "storage/rowlayout_p.h"
 #include <database/table.h>
 
@@ -43,6 +44,35 @@ void MasterIndex::build()
 void MasterIndex::rebuild()
 {
     resort();
+}
+
+bool MasterIndex::keepsUpdatedRows(int first, int last) const
+{
+    if (observers() || d->keyColumns.isEmpty())
+        return false;
+    for (const TableColumnDef *column : qAsConst(d->keyColumns)) {
+        if (CellCompare::batchChanges(column->index, first, last))
+            return false;
+    }
+    return true;
+}
+
+void MasterIndex::preprocess(const QList<Record> &removed, const QList<Record> &updated, int first,
+                             int last, const QList<Record> &inserted, const QList<Record> &changed)
+{
+    if (keepsUpdatedRows(first, last))
+        IndexSort::preprocess(removed, QList<Record>(), first, last, inserted, QList<Record>());
+    else
+        IndexSort::preprocess(removed, updated, first, last, inserted, changed);
+}
+
+void MasterIndex::process(const QList<Record> &removed, const QList<Record> &updated, int first,
+                          int last, const QList<Record> &inserted)
+{
+    if (keepsUpdatedRows(first, last))
+        IndexSort::process(removed, QList<Record>(), first, last, inserted);
+    else
+        IndexSort::process(removed, updated, first, last, inserted);
 }
 
 Record MasterIndex::keyRecord(const Record &record) const

@@ -673,6 +673,8 @@ void Table::updated(const Record &record, const QVector<int> &keeper, int a, int
 void Table::process(const QList<Record> &removed, QList<Record> &updated, int first, int last,
                     const QList<Record> &inserted, const QList<Record> &changed)
 {
+    if (d->main)
+        d->main->preprocess(removed, updated, first, last, inserted, changed);
     const QList<Index *> preprocessed = d->indexes;
     for (Index *index : preprocessed)
         index->preprocess(removed, updated, first, last, inserted, changed);
