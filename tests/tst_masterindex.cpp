@@ -263,7 +263,6 @@ void tst_MasterIndex::addColumnRelaysRows()
     }
 }
 
-QTEST_GUILESS_MAIN(tst_MasterIndex)
 // A batch that changes no key column leaves updated rows in place, also
 // behind an equal key (a full re-merge would move them after it); a batch
 // over the key columns re-places them.
@@ -289,4 +288,5 @@ void tst_MasterIndex::batchesMoveRowsOnlyForKeyChanges()
     QVERIFY_INDEXES(&table);
 }
 
+QTEST_GUILESS_MAIN(tst_MasterIndex)
 #include "tst_masterindex.moc"
