@@ -1,5 +1,5 @@
-// Cell types, column definitions, row layout and row primitives, exceptions
-// and the CRC-64 helper: the ground every table stands on.
+// Column definitions, row layout and row primitives, and the CRC-64 helper:
+// the ground every table stands on.
 
 #include <database/database.h>
 
@@ -34,8 +34,6 @@ class tst_Spine : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void types_data();
-    void types();
     void stringCells_data();
     void stringCells();
     void layout_data();
@@ -43,44 +41,8 @@ private Q_SLOTS:
     void addColumnRefusals();
     void rowPrimitives();
     void columnRecord();
-    void exceptionStack();
     void checksum64();
 };
-
-void tst_Spine::types_data()
-{
-    QTest::addColumn<int>("type");
-    QTest::addColumn<int>("length");
-    QTest::addColumn<int>("size");
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QString>("error");
-    auto row = [](const char *tag, int type, int length, int size, const char *name,
-                  const char *error = "") {
-        QTest::newRow(tag) << type << length << size << QString::fromLatin1(name)
-                           << QString::fromLatin1(error);
-    };
-    row("integer", FieldType::Integer, 0, 4, "Integer");
-    row("integer64", FieldType::Integer64, 0, 8, "Integer64");
-    row("double", FieldType::Double, 0, 8, "Double");
-    row("decimal ignores length", FieldType::Decimal, 12, 8, "Decimal[12]");
-    row("varchar", FieldType::VarChar, 32, 64, "VarChar[32]");
-    row("datetime shows no length", FieldType::DateTime, 5, 8, "DateTime");
-    row("boardlist", FieldType::BoardList, 77, 404, "BoardList");
-    row("varchar zero", FieldType::VarChar, 0, 0, "VarChar[0]", "Length of string can't be zero");
-    row("invalid", FieldType::Invalid, 4, 0, "Undefined", "Type is undefined.");
-    row("unknown", 8, 4, 0, "Undefined", "Type is undefined.");
-}
-
-void tst_Spine::types()
-{
-    QFETCH(int, type);
-    QFETCH(int, length);
-    int size = -1;
-    QTEST(thrownText([&] { size = FieldType::typeLength(type, length); }), "error");
-    if (size >= 0)
-        QTEST(size, "size");
-    QTEST(FieldType::typeNameWithLength(type, length), "name");
-}
 
 void tst_Spine::stringCells_data()
 {
@@ -134,6 +96,9 @@ void tst_Spine::layout_data()
     QTest::newRow("boardlist pads to 408")
         << QVector<int> { FieldType::BoardList, FieldType::Integer } << QVector<int> { 0, 408 }
         << 416 << 408 << 16 + 416 + 1 << QByteArray(1, 2);
+    QTest::newRow("int64, decimal, datetime")
+        << QVector<int> { FieldType::Integer64, FieldType::Decimal, FieldType::DateTime }
+        << QVector<int> { 0, 8, 16 } << 24 << 24 << 41 << QByteArray(1, 2);
     // The ninth column opens a second flag byte.
     QTest::newRow("nine integers")
         << QVector<int>(9, FieldType::Integer) << QVector<int> { 0, 8, 16, 24, 32, 40, 48, 56, 64 }
@@ -205,12 +170,6 @@ void tst_Spine::addColumnRefusals()
     QCOMPARE(table.columns(), QStringList { QStringLiteral("price") });
     QCOMPARE(table.rowSize(), size);
     QCOMPARE(table.columnIndex(QStringLiteral("PRICE")), 0);
-    table.addColumn(QStringLiteral("qty"), FieldDef(FieldType::Integer, 0), true,
-                    QStringLiteral("Quantity"), false, QStringLiteral("lots"));
-    QCOMPARE(table.columnTitle(0), QStringLiteral("price"));
-    QCOMPARE(table.columnTitle(1), QStringLiteral("Quantity"));
-    QCOMPARE(table.columnDescription(1), QStringLiteral("lots"));
-    QVERIFY(!table.columnDef(1)->auxFlag);
 }
 
 // Clones and content copies start with a zero reference count; a column range
@@ -266,22 +225,6 @@ void tst_Spine::columnRecord()
     back.read(in);
     QCOMPARE(recordOf(back), bytes);
     QCOMPARE(back.offset, qint64(99));
-}
-
-// Each Exception logs its captured stack, line by line, when destroyed; a copy
-// shares the lines instead of capturing again.
-void tst_Spine::exceptionStack()
-{
-    try {
-        throw Exception(QStringLiteral("boom"));
-    } catch (const Exception &e) {
-        QCOMPARE(e.message, QStringLiteral("boom"));
-        QVERIFY(!e.stack.isEmpty());
-        const Exception copy(e);
-        QCOMPARE(copy.stack, e.stack);
-        for (const QString &line : e.stack + copy.stack)
-            QTest::ignoreMessage(QtDebugMsg, qPrintable('"' + line + '"'));
-    }
 }
 
 void tst_Spine::checksum64()
