@@ -4,7 +4,6 @@
 
 #include <database/database.h>
 
-#include <QDataStream>
 #include <QtTest>
 
 #include <cstring>
@@ -68,7 +67,6 @@ private Q_SLOTS:
     void layout();
     void addColumnRefusals();
     void rowPrimitives();
-    void columnRecord();
     void checksum64();
     void assignAndPrint_data();
     void assignAndPrint();
@@ -234,33 +232,6 @@ void tst_Spine::rowPrimitives()
     table.copyRowContent(c.row, a.row);
     QCOMPARE(table.dataPtr(c.row, 2).get<qint64>(), qint64(7));
     QCOMPARE(*reinterpret_cast<int *>(c.row), 0);
-}
-
-void tst_Spine::columnRecord()
-{
-    auto recordOf = [](const TableColumnDef &column) {
-        QByteArray bytes;
-        QDataStream out(&bytes, QIODevice::WriteOnly);
-        column.write(out);
-        return bytes;
-    };
-    TableColumnDef def;
-    def.name = QStringLiteral("price");
-    def.title = QStringLiteral("Цена");
-    def.description = QStringLiteral("last trade");
-    def.type = FieldType::Decimal;
-    def.length = 4;
-    def.size = 8;
-    def.nullable = def.auxFlag = false;
-    const QByteArray bytes = recordOf(def);
-    // name, title, description, then length (4), type (1), size (4), two bools.
-    QCOMPARE(bytes.right(11).toHex(), QByteArray("0000000404000000080000"));
-    TableColumnDef back;
-    back.offset = 99; // not part of the record
-    QDataStream in(bytes);
-    back.read(in);
-    QCOMPARE(recordOf(back), bytes);
-    QCOMPARE(back.offset, qint64(99));
 }
 
 void tst_Spine::checksum64()
