@@ -160,8 +160,8 @@ void tst_AppSettings::hostileNames_data()
     QTest::addColumn<QString>("name");
     QTest::addColumn<QString>("error");
     const QString character = "недопустимый символ", dot = "с точки";
-    for (const QString &name : { "../x", "a/b", "a\\b", "a\nb" })
-        QTest::newRow(qPrintable(name)) << name << character;
+    for (const char *name : { "../x", "a/b", "a\\b", "a\nb" })
+        QTest::newRow(name) << QString(name) << character;
     QTest::newRow("nul") << QString::fromUtf16(u"a\0b", 3) << character;
     QTest::newRow("dot dot") << ".." << dot;
     QTest::newRow("hidden") << ".x" << dot;
