@@ -83,6 +83,10 @@ void radixSort(std::vector<quint64> &keys, std::vector<quint64> &payloads)
 ColumnKeySort::ColumnKeySort(const QVector<Column> &columns, int expectedRows)
 {
     for (const Column &column : columns) {
+        if (!column.def) {
+            m_usable = false;
+            continue;
+        }
         switch (column.def->type) {
         case FieldType::Integer:
         case FieldType::Integer64:
