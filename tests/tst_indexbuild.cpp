@@ -26,8 +26,8 @@ void fill(Table &table, int rows, bool mixedScales, bool nan)
         if (random() % 7)
             row.data(Group).set<qint32>(int(random() % 5) - 2);
         if (random() % 5) {
-            const int scale = mixedScales && random() % 2 ? 3 : 2;
             const qint64 cents = qint64(random() % 9) - 4;
+            const int scale = (mixedScales || cents == 0) && random() % 2 ? 3 : 2;
             row.data(Price).set(decimal(scale == 3 ? cents * 10 : cents, scale));
         }
         if (random() % 6) {

@@ -191,15 +191,17 @@ private:
 class StoredRowWriter
 {
 public:
+    // `rows`: how many rows will be appended, so that a short list takes a
+    // buffer of its own size.
     StoredRowWriter(QDataStream &stream, const QList<const TableColumnDef *> &columns,
-                    int rowLength, int flagBytes)
+                    int rowLength, int flagBytes, qint64 rows)
         : m_stream(stream)
         , m_layout(columns, rowLength, flagBytes)
         , m_storedSize(flagBytes)
     {
         for (const TableColumnDef *column : columns)
             m_storedSize += int(column->size);
-        m_blockRows = qMax(1, kBlockBytes / qMax(1, m_storedSize));
+        m_blockRows = int(qBound<qint64>(1, rows, qMax(1, kBlockBytes / qMax(1, m_storedSize))));
     }
     ~StoredRowWriter() { flush(); }
     void append(const unsigned char *row)
@@ -666,7 +668,8 @@ bool TableIO::writeRows(FilterProgress &progress, const TableHeader &header, QDa
     if (!master)
         return true;
     const bool report = !FilterProgressTrue::isDefault(progress);
-    StoredRowWriter writer(stream, d->table->fieldDefs(), d->table->rowLength(), header.flagBytes);
+    StoredRowWriter writer(stream, d->table->fieldDefs(), d->table->rowLength(), header.flagBytes,
+                           header.rowCount);
     int i = 0;
     for (auto it = master->begin(), end = master->end(); it != end; ++it, ++i) {
         writer.append((*it).row());
@@ -1084,7 +1087,8 @@ bool TableIO::writeRowList(FilterProgress &progress, QDataStream &stream,
     header.rowCount = records.count();
     writeHeader(header, stream);
     const bool report = !FilterProgressTrue::isDefault(progress);
-    StoredRowWriter writer(stream, table->fieldDefs(), table->rowLength(), header.flagBytes);
+    StoredRowWriter writer(stream, table->fieldDefs(), table->rowLength(), header.flagBytes,
+                           header.rowCount);
     int i = 0;
     for (auto it = records.begin(), end = records.end(); it != end; ++it, ++i) {
         writer.append((*it).row());
