@@ -227,9 +227,9 @@ std::ptrdiff_t mergePath(const T *a, std::ptrdiff_t aCount, const T *b, std::ptr
 
 constexpr std::ptrdiff_t kInsertionRun = 32;
 
-// Binary insertion sort of a short run; an element not less than the last
-// one placed is appended after a single comparison when the run has been
-// ascending so far, so sorted input costs one comparison per element.
+// Binary insertion sort of a short run. While each element has stayed at the
+// end, the next one is first compared with the last alone, so sorted input
+// costs one comparison per element.
 template <typename T, typename LessThan>
 void insertionSort(T *data, std::ptrdiff_t n, const LessThan &lessThan)
 {
