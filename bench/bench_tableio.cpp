@@ -1,10 +1,15 @@
 // Table files: save and load of a million-row table, plain and gzip, against
 // their peers measured in the same run on the same bytes: writing and reading
 // the plain file's bytes raw, and zlib compressing and decompressing them
-// alone (in memory, gzip format, level 6). Prints the ratios at the end
-// (table file rate / peer rate; 1 means no overhead over the peer).
+// alone (in memory, gzip format, level 6); and a load into a table with two
+// sorted indexes against the same load into the master index alone. The rows
+// are those of bench_peers: integer id key, decimal price repeating about 500
+// times, random timestamp, quantity, side, symbol. Times are the process's
+// CPU time (the index builds may use the thread pool). Prints the ratios at
+// the end (rate / peer rate; 1 means no overhead over the peer).
 #include <database/core/icore.h>
 #include <database/decimal.h>
+#include <database/indexsortcolumns.h>
 #include <database/masterindex.h>
 #include <database/table.h>
 #include <database/tableio.h>
@@ -17,8 +22,8 @@
 #include <zlib.h>
 
 #include <cstdio>
-#include <map>
 #include <memory>
+#include <random>
 
 #include "ratioreporter.h"
 
@@ -30,20 +35,22 @@ std::unique_ptr<Table> makeQuotes(int rows)
 {
     auto table = std::make_unique<Table>(QStringLiteral("quotes"));
     table->addColumn(QStringLiteral("id"), FieldType::Integer, 0, false);
-    table->addColumn(QStringLiteral("instrument"), FieldType::VarChar, 8);
-    table->addColumn(QStringLiteral("price"), FieldType::Decimal, 4);
-    table->addColumn(QStringLiteral("quantity"), FieldType::Double);
-    table->addColumn(QStringLiteral("time"), FieldType::DateTime);
-    table->addColumn(QStringLiteral("volume"), FieldType::Integer64);
+    table->addColumn(QStringLiteral("price"), FieldType::Decimal, 0, false);
+    table->addColumn(QStringLiteral("ts"), FieldType::DateTime, 0, false);
+    table->addColumn(QStringLiteral("qty"), FieldType::Double);
+    table->addColumn(QStringLiteral("side"), FieldType::Integer);
+    table->addColumn(QStringLiteral("symbol"), FieldType::VarChar, 8);
     table->setMasterIndex(new MasterIndex_Column_Pure(table.get(), QStringLiteral("id")));
+    std::mt19937 random(7);
     for (int i = 0; i < rows; ++i) {
         unsigned char *row = table->allocRow();
         table->dataPtr(row, 0).set<qint32>(i);
-        table->dataPtr(row, 1) = QStringLiteral("SEC%1").arg(i % 5000);
-        table->dataPtr(row, 2).set<quint64>(decimal(10000 + i % 977, 2).raw());
-        table->dataPtr(row, 3).set<double>((i % 1000) * 0.5);
-        table->dataPtr(row, 4).set<qint64>(1600000000000LL + i * 37LL);
-        table->dataPtr(row, 5).set<qint64>(qint64(i) * 1000);
+        table->dataPtr(row, 1).set<quint64>(decimal(10000 + qint64(random() % 2000), 2).raw());
+        table->dataPtr(row, 2).set<qint64>(1700000000000LL + qint64(random() % 3600000000LL));
+        table->dataPtr(row, 3).set<double>(double(random() % 10000));
+        table->dataPtr(row, 4).set<qint32>(int(random() % 2));
+        table->dataPtr(row, 5)
+            = QStringLiteral("S%1").arg(random() % 3000, 5, 10, QLatin1Char('0'));
         table->appendRow(row);
     }
     return table;
@@ -55,6 +62,9 @@ struct Fixture
     Fixture()
         : source(makeQuotes(kRows))
         , target(makeQuotes(0))
+        , indexed(makeQuotes(0))
+        , byPrice(new IndexSortColumns(indexed.get(), QStringLiteral("price")))
+        , byTs(new IndexSortColumns(indexed.get(), QStringLiteral("ts")))
     {
         DefaultCore::global()->setCompressTableFiles(false);
         TableIO(source.get()).write(QDir(dir.path()));
@@ -82,6 +92,9 @@ struct Fixture
     QTemporaryDir dir;
     std::unique_ptr<Table> source;
     std::unique_ptr<Table> target;
+    std::unique_ptr<Table> indexed;
+    std::unique_ptr<IndexSortColumns> byPrice;
+    std::unique_ptr<IndexSortColumns> byTs;
     QByteArray plain;
     QByteArray compressed;
 };
@@ -109,15 +122,15 @@ void save(benchmark::State &state, bool compressed)
     setBytes(state);
 }
 
-// Loads the file of the given form into the target table, again and again.
-void load(benchmark::State &state, bool compressed)
+// Loads the file of the given form into `table`, again and again.
+void load(benchmark::State &state, bool compressed, Table *table)
 {
     Fixture &f = fixture();
     DefaultCore::global()->setCompressTableFiles(compressed);
     TableIO(f.source.get()).write(QDir(f.dir.path()));
-    TableIO io(f.target.get());
+    TableIO io(table);
     for (auto _ : state)
-        if (!io.read(QDir(f.dir.path()), false) || f.target->rowCount() != kRows)
+        if (!io.read(QDir(f.dir.path()), false) || table->rowCount() != kRows)
             state.SkipWithError("load failed");
     setBytes(state);
 }
@@ -129,7 +142,15 @@ void BM_SavePlain(benchmark::State &state)
 
 void BM_LoadPlain(benchmark::State &state)
 {
-    load(state, false);
+    load(state, false, fixture().target.get());
+}
+
+void BM_LoadPlainTwoSortedIndexes(benchmark::State &state)
+{
+    Fixture &f = fixture();
+    load(state, false, f.indexed.get());
+    if (f.byPrice->count() != kRows || f.byTs->count() != kRows)
+        state.SkipWithError("indexes not built");
 }
 
 void BM_SaveGzip(benchmark::State &state)
@@ -139,7 +160,7 @@ void BM_SaveGzip(benchmark::State &state)
 
 void BM_LoadGzip(benchmark::State &state)
 {
-    load(state, true);
+    load(state, true, fixture().target.get());
 }
 
 void BM_RawWrite(benchmark::State &state)
@@ -197,10 +218,12 @@ void BM_ZlibDecompress(benchmark::State &state)
     setBytes(state);
 }
 
-#define TABLEIO_BENCH(name) BENCHMARK(name)->Unit(benchmark::kMillisecond)->Iterations(3)
+#define TABLEIO_BENCH(name)                                                                        \
+    BENCHMARK(name)->Unit(benchmark::kMillisecond)->Iterations(3)->MeasureProcessCPUTime()
 TABLEIO_BENCH(BM_SavePlain);
 TABLEIO_BENCH(BM_RawWrite);
 TABLEIO_BENCH(BM_LoadPlain);
+TABLEIO_BENCH(BM_LoadPlainTwoSortedIndexes);
 TABLEIO_BENCH(BM_RawRead);
 TABLEIO_BENCH(BM_SaveGzip);
 TABLEIO_BENCH(BM_ZlibCompress);
@@ -226,5 +249,7 @@ int main(int argc, char **argv)
     ratio("BM_LoadPlain", "BM_RawRead", "plain load / raw read");
     ratio("BM_SaveGzip", "BM_ZlibCompress", "gzip save / zlib compress");
     ratio("BM_LoadGzip", "BM_ZlibDecompress", "gzip load / zlib decompress");
+    ratio("BM_LoadPlainTwoSortedIndexes", "BM_LoadPlain",
+          "plain load, master + 2 sorted indexes / master alone");
     return 0;
 }

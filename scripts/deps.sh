@@ -2,7 +2,7 @@
 # Installs, with apt-get, whatever the build needs and this machine lacks.
 # Usage: scripts/deps.sh [extra-package ...]
 set -euo pipefail
-packages=(cmake ninja-build g++ pkg-config qtbase5-dev zlib1g-dev python3 gzip "$@")
+packages=(cmake ninja-build g++ pkg-config qtbase5-dev zlib1g-dev python3 gzip libtbb-dev "$@")
 missing=()
 for p in "${packages[@]}"; do
     dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

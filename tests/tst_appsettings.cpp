@@ -14,19 +14,10 @@ void writeFile(const QString &path, const QByteArray &content)
     QCOMPARE(file.write(content), qint64(content.size()));
 }
 
-// The file as Python's json module sees it, compact with sorted keys.
-QByteArray pythonJson(const QString &path)
+// The keys a settings file holds: only what its own layer set.
+QStringList keysIn(const QString &path)
 {
-    QProcess python;
-    python.start(QStringLiteral("python3"),
-                 { QStringLiteral("-c"),
-                   QStringLiteral("import json,sys; print(json.dumps(json.load(open(sys.argv[1])),"
-                                  " sort_keys=True, separators=(',',':')))"),
-                   path });
-    python.waitForFinished(-1);
-    if (python.exitCode() != 0)
-        return "python failed: " + python.readAllStandardError();
-    return python.readAllStandardOutput().trimmed();
+    return QSettings(path, QtJsonSettings::JsonFormat).allKeys();
 }
 
 // Child mode of this program: writes keys <prefix>0 .. <prefix>N-1 to a file,
@@ -63,7 +54,6 @@ private:
 
     QTemporaryDir dir;
     DefaultSettings defaults;
-    bool python = false;
 };
 
 void tst_AppSettings::initTestCase()
@@ -74,7 +64,6 @@ void tst_AppSettings::initTestCase()
               R"({"font": 10, "window": {"width": 800, "height": 600}, "theme": "light"})");
     defaults = DefaultSettings(path("defaults.json"));
     QCOMPARE(defaults.status(), QSettings::NoError);
-    python = !QStandardPaths::findExecutable(QStringLiteral("python3")).isEmpty();
 }
 
 void tst_AppSettings::fallsBackThroughLayers()
@@ -117,11 +106,8 @@ void tst_AppSettings::fallsBackThroughLayers()
     desk.setValue("columns", QStringList { "bid", "ask" });
     desk.sync();
     app.sync();
-    if (python) {
-        QCOMPARE(pythonJson(path("layers/trading.json")),
-                 QByteArray(R"({"columns":["bid","ask"]})"));
-        QCOMPARE(pythonJson(path("layers-app.json")), QByteArray(R"({"theme":"dark"})"));
-    }
+    QCOMPARE(keysIn(path("layers/trading.json")), QStringList { "columns" });
+    QCOMPARE(keysIn(path("layers-app.json")), QStringList { "theme" });
 }
 
 void tst_AppSettings::workplaceOperations()
@@ -148,8 +134,7 @@ void tst_AppSettings::workplaceOperations()
     QCOMPARE(desk.current(), QStringLiteral("Вечер"));
     QCOMPARE(desk.value("layout/split"), QVariant(3));
     QCOMPARE(desk.workplaces(), QStringList({ "copy", "Вечер", "Утро" }));
-    if (python)
-        QCOMPARE(pythonJson(path("ops/copy.json")), QByteArray(R"({"layout":{"split":3}})"));
+    QCOMPARE(keysIn(path("ops/copy.json")), QStringList { "layout/split" });
 
     // Renaming the current workplace: both handles on it follow.
     QVERIFY(other.switchTo("Вечер"));
@@ -174,23 +159,14 @@ void tst_AppSettings::hostileNames_data()
 {
     QTest::addColumn<QString>("name");
     QTest::addColumn<QString>("error");
-    QTest::newRow("parent") << "../x"
-                            << "недопустимый символ";
-    QTest::newRow("dot dot") << ".."
-                             << "с точки";
-    QTest::newRow("hidden") << ".x"
-                            << "с точки";
-    QTest::newRow("empty") << ""
-                           << "не задано";
-    QTest::newRow("slash") << "a/b"
-                           << "недопустимый символ";
-    QTest::newRow("backslash") << "a\\b"
-                               << "недопустимый символ";
-    QTest::newRow("nul") << QString::fromUtf16(u"a\0b", 3) << "недопустимый символ";
-    QTest::newRow("newline") << "a\nb"
-                             << "недопустимый символ";
-    QTest::newRow("spaces") << " a"
-                            << "пробелом";
+    const QString character = "недопустимый символ", dot = "с точки";
+    for (const char *name : { "../x", "a/b", "a\\b", "a\nb" })
+        QTest::newRow(name) << QString(name) << character;
+    QTest::newRow("nul") << QString::fromUtf16(u"a\0b", 3) << character;
+    QTest::newRow("dot dot") << ".." << dot;
+    QTest::newRow("hidden") << ".x" << dot;
+    QTest::newRow("empty") << QString("") << QString("не задано");
+    QTest::newRow("spaces") << QString(" a") << QString("пробелом");
     QTest::newRow("long") << QString(101, 'x') << "длиннее 100";
     QTest::newRow("long in bytes") << QString(70, QChar(0x4e00)) << "длиннее 100";
 }
@@ -278,8 +254,7 @@ void tst_AppSettings::damagedFiles()
     QFile moved(aside);
     QVERIFY(moved.open(QIODevice::ReadOnly));
     QCOMPARE(moved.readAll(), damaged);
-    if (python)
-        QCOMPARE(pythonJson(path("damaged-app.json")), QByteArray(R"({"font":12})"));
+    QCOMPARE(keysIn(path("damaged-app.json")), QStringList { "font" });
 
     writeFile(path("damaged-defaults.json"), "[1]");
     QTest::ignoreMessage(QtWarningMsg,
@@ -312,8 +287,6 @@ void tst_AppSettings::twoProcessesKeepEachOthersKeys()
     QSettings::SettingsMap map;
     QVERIFY(QtJsonSettings::readJsonFile(json, map));
     QCOMPARE(map.size(), 2 * count);
-    if (python)
-        QVERIFY(pythonJson(file).startsWith(R"({"p0_0":0,"p0_1":1,)"));
 }
 
 int main(int argc, char **argv)

@@ -7,7 +7,6 @@
 
 #include <QDataStream>
 #include <QFile>
-#include <QSequentialIterable>
 #include <QtTest>
 
 #include <cmath>
@@ -121,8 +120,6 @@ void tst_Decimal::parse()
     }
 }
 
-// Each line of the reference file is one case; its layout is described in
-// gen_decimal_cases.py.
 // Every text toString() makes reads back to an equal value, also the whole
 // numbers above 2^63 that negative scales make.
 void tst_Decimal::textReadsBack()
@@ -136,6 +133,8 @@ void tst_Decimal::textReadsBack()
         }
 }
 
+// Each line of the reference file is one case; its layout is described in
+// gen_decimal_cases.py.
 void tst_Decimal::referenceCases()
 {
     QFile file(QStringLiteral(TESTDATA_DIR "/decimal_cases.txt"));
@@ -166,10 +165,8 @@ void tst_Decimal::referenceCases()
 // Rescaling and conversion from double round halves away from zero.
 void tst_Decimal::rounding()
 {
-    QCOMPARE(decimal("2.5").withScale(0).toString(), QStringLiteral("3"));
-    QCOMPARE(decimal("-2.5").withScale(0).toString(), QStringLiteral("-3"));
-    QCOMPARE(decimal("0.95").withScale(-1).toString(), QStringLiteral("0"));
-    // A raise stops where the mantissa would leave its range.
+    // Rescaling results are among the reference cases. A raise stops where the mantissa would leave
+    // its range.
     QCOMPARE(decimal("72057594037927.93").withScale(10).scale(), 3);
     QTest::ignoreMessage(QtWarningMsg, "decimal::setScale: scale 100 is outside -64..63");
     QCOMPARE(decimal(1, 0).withScale(100).scale(), 16);
@@ -286,12 +283,6 @@ void tst_Decimal::variants()
     QVERIFY(!ok);
     QVERIFY(!decimal::canConvert(QVariant(std::nan(""))));
     QVERIFY(decimal::canConvert(QVariant(7)));
-
-    const QVariant vector = QVariant::fromValue(QVector<int> { 1, 2, 3 });
-    int sum = 0;
-    for (const QVariant &v : vector.value<QSequentialIterable>())
-        sum += v.toInt();
-    QCOMPARE(sum, 6);
 }
 
 QTEST_GUILESS_MAIN(tst_Decimal)

@@ -73,41 +73,32 @@ private slots:
     void interoperatesWithPython();
 };
 
-// Members written one after another read as one stream; a damaged trailer
-// fails; bytes after the last member are left to the underlying device and
-// reported.
+// Members written one after another read as one stream, also through a tiny
+// buffer; a damaged length in the trailer fails; bytes after the last member
+// are left to the underlying device and reported. (A bad CRC, cuts and garbled
+// tails of whole table files are the damage tests' job.)
 void TestDeflateDevice::gzipMembersAndDamage()
 {
     const QByteArray a = sampleData(5000), b = sampleData(70000).mid(3);
     const QByteArray first = compress(a, DeflateDevice::GzipFormat);
-    const QByteArray second = compress(b, DeflateDevice::GzipFormat);
-    for (int bufferSize : { 7, 65500 }) {
-        FaultyDevice both(first + second);
-        QCOMPARE(decompress(&both, DeflateDevice::GzipFormat, bufferSize), a + b);
-    }
+    FaultyDevice both(first + compress(b, DeflateDevice::GzipFormat));
+    QCOMPARE(decompress(&both, DeflateDevice::GzipFormat, 7), a + b);
 
-    QByteArray badCrc = first, badLength = first;
-    badCrc[badCrc.size() - 8] = char(badCrc.at(badCrc.size() - 8) ^ 1);
+    QByteArray badLength = first;
     badLength[badLength.size() - 1] = char(badLength.at(badLength.size() - 1) ^ 1);
-    FaultyDevice crc(badCrc), length(badLength);
-    QCOMPARE(decompress(&crc, DeflateDevice::GzipFormat),
-             "read failed: Internal zlib error when decompressing: data error");
+    FaultyDevice length(badLength);
     QCOMPARE(decompress(&length, DeflateDevice::GzipFormat),
              "read failed: Internal zlib error when decompressing: data error");
 
-    FaultyDevice tail(first + "tail");
-    DeflateDevice reader(&tail);
-    reader.setStreamFormat(DeflateDevice::GzipFormat);
-    QVERIFY(reader.open(QIODevice::ReadOnly));
-    QCOMPARE(reader.readAll(), a);
-    QVERIFY(reader.hasTrailingData());
-    QVERIFY(tail.readAll().startsWith("tail"));
-    FaultyDevice clean(first);
-    DeflateDevice cleanReader(&clean);
-    cleanReader.setStreamFormat(DeflateDevice::GzipFormat);
-    QVERIFY(cleanReader.open(QIODevice::ReadOnly));
-    QCOMPARE(cleanReader.readAll(), a);
-    QVERIFY(!cleanReader.hasTrailingData());
+    for (const QByteArray &after : { QByteArray("tail"), QByteArray() }) {
+        FaultyDevice source(first + after);
+        DeflateDevice reader(&source);
+        reader.setStreamFormat(DeflateDevice::GzipFormat);
+        QVERIFY(reader.open(QIODevice::ReadOnly));
+        QCOMPARE(reader.readAll(), a);
+        QCOMPARE(reader.hasTrailingData(), !after.isEmpty());
+        QVERIFY(source.readAll().startsWith(after));
+    }
 }
 
 void TestDeflateDevice::roundTrip_data()
@@ -222,20 +213,17 @@ void TestDeflateDevice::misuseAndFailures()
     QVERIFY(missingReader.errorString().startsWith("Error opening underlying device: "));
 
     // A truncated stream reads as "nothing yet" from a device still being
-    // written, as an error once a random-access one is at its end (whether it is cut in
-    // the data or in the trailer); a corrupt one, or an underlying device that
-    // fails, fails for good.
+    // written, as an error once a random-access one is at its end; a corrupt
+    // one, or an underlying device that fails, fails for good.
     const QByteArray data = sampleData(1000), stream = compress(data, DeflateDevice::GzipFormat);
     FaultyDevice truncated(stream.left(stream.size() / 2)), failing(stream);
     FaultyDevice corrupt("\x78\x9c\xff\xff\xff\xff garbage");
     failing.failing = true;
     truncated.growing = true;
     QVERIFY(data.startsWith(decompress(&truncated, DeflateDevice::GzipFormat)));
-    for (int cut : { 1, int(stream.size()) / 2, int(stream.size()) - 1 }) {
-        FaultyDevice cutFile(stream.left(cut));
-        QCOMPARE(decompress(&cutFile, DeflateDevice::GzipFormat),
-                 "read failed: Unexpected end of the compressed stream");
-    }
+    FaultyDevice cutFile(stream.left(1));
+    QCOMPARE(decompress(&cutFile, DeflateDevice::GzipFormat),
+             "read failed: Unexpected end of the compressed stream");
     QCOMPARE(decompress(&corrupt, DeflateDevice::ZlibFormat),
              "read failed: Internal zlib error when decompressing: data error");
     QCOMPARE(decompress(&failing, DeflateDevice::GzipFormat),
@@ -259,8 +247,8 @@ void TestDeflateDevice::misuseAndFailures()
         QVERIFY(!DeflateDevice::checkGzipSupport(version));
 }
 
-// Streams cross-checked both ways with an independent implementation: Python's
-// zlib module, and gzip -t.
+// Streams of every format cross-checked both ways with an independent
+// implementation, Python's zlib module (gzip(1) checks the table files).
 void TestDeflateDevice::interoperatesWithPython()
 {
     const QString python = QStandardPaths::findExecutable("python3");
@@ -279,9 +267,6 @@ void TestDeflateDevice::interoperatesWithPython()
         FaultyDevice theirs(run(python, { script, "compress", windowBits[format] }, data));
         QCOMPARE(decompress(&theirs, format), data);
     }
-    const QString gzip = QStandardPaths::findExecutable("gzip");
-    if (!gzip.isEmpty())
-        QCOMPARE(run(gzip, { "-t" }, compress(data, DeflateDevice::GzipFormat)), QByteArray());
 }
 
 QTEST_GUILESS_MAIN(TestDeflateDevice)

@@ -62,7 +62,6 @@ private slots:
     void randomRunPassesModelTester();
     void singleChangesGiveExactSignals();
     void batchesSignalAtBracketEnd();
-    void rowLimitShowsTopRowsOnly();
     void cellsAndChangeRole();
     void headerSortPutsALiveIndexBehind();
     void changesFromAnotherThreadAreQueued();
@@ -245,29 +244,6 @@ void tst_ItemModel::batchesSignalAtBracketEnd()
     QCOMPARE(reset.count(), 0);
 }
 
-void tst_ItemModel::rowLimitShowsTopRowsOnly()
-{
-    QuoteTable q;
-    q.fill({ { 1, { "a", 10, 1 } },
-             { 2, { "b", 20, 2 } },
-             { 3, { "c", 30, 3 } },
-             { 4, { "d", 40, 4 } } });
-    IndexModel model(q.view.get());
-    QAbstractItemModelTester tester(&model, QAbstractItemModelTester::FailureReportingMode::Fatal);
-    model.setRowLimit(2);
-    QCOMPARE(model.rowCount(), 2);
-    q.table.appendRow(q.table.cloneRow(q.row(5, { "e", 5, 5 }).row()));
-    QVERIFY_MIRROR(model);
-    QCOMPARE(model.record(0), q.find(5));
-    q.table.remove(q.find(5));
-    q.table.remove(q.find(1));
-    QVERIFY_MIRROR(model);
-    QCOMPARE(model.record(1), q.find(3));
-    QCOMPARE(q.view->count(), 3); // the index keeps every row
-    model.setRowLimit(-1);
-    QCOMPARE(model.rowCount(), 3);
-}
-
 void tst_ItemModel::cellsAndChangeRole()
 {
     QuoteTable q;
@@ -279,9 +255,6 @@ void tst_ItemModel::cellsAndChangeRole()
     QCOMPARE(model.data(model.index(0, Price)).toString(), QStringLiteral("10"));
     QCOMPARE(model.data(model.index(0, Price), Qt::EditRole).type(), QVariant::Double);
     QVERIFY(!model.data(model.index(1, Name)).isValid());
-    QCOMPARE(model.data(model.index(0, Price), Qt::TextAlignmentRole).toInt(),
-             int(Qt::AlignRight | Qt::AlignVCenter));
-    QVERIFY(!model.data(model.index(0, Name), Qt::TextAlignmentRole).isValid());
 
     model.setChangeHighlightPeriod(1000);
     q.table.beginUpdate();

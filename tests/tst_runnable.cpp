@@ -1,3 +1,6 @@
+// The runtime services: background tasks and the rotating log file.
+
+#include <database/logfile.h>
 #include <database/runnable.h>
 
 #include <QtTest>
@@ -52,6 +55,8 @@ private slots:
     void stopWaitsForTheTask();
     void manyTasksFromSeveralThreads();
     void refusesNullsAndDestructorWaits();
+    void logRotation_data();
+    void logRotation();
 };
 
 void TestRunnable::stopWaitsForTheTask()
@@ -150,6 +155,39 @@ void TestRunnable::refusesNullsAndDestructorWaits()
     QCoreApplication::processEvents();
     QVERIFY(pool.waitForDone(60000));
     QCOMPARE(g_destroyed.load(), 21);
+}
+
+// A row reads "log: files before -> listing after". Each file that exists
+// beforehand holds its own name, so the listing ("name=content", by name)
+// shows where every file went; the new log holds "new".
+void TestRunnable::logRotation_data()
+{
+    QTest::addColumn<QString>("row");
+    QTest::newRow("no previous log") << "app.log: app.2.log -> app.2.log=app.2.log app.log=new";
+    QTest::newRow("oldest dropped, gap kept")
+        << "app.log: app.log app.1.log app.2.log app.4.log app.5.log -> app.1.log=app.log "
+           "app.2.log=app.1.log app.3.log=app.2.log app.5.log=app.4.log app.log=new";
+    QTest::newRow("no suffix") << "app: app app.1. -> app=new app.1.=app app.2.=app.1.";
+    QTest::newRow("dots and percent")
+        << "a%1.b.log: a%1.b.log -> a%1.b.1.log=a%1.b.log a%1.b.log=new";
+}
+
+void TestRunnable::logRotation()
+{
+    QFETCH(QString, row);
+    const QStringList parts = row.split(QRegularExpression(": | -> "));
+    QTemporaryDir dir;
+    for (const QString &name : parts[1].split(' ')) {
+        QFile file(dir.filePath(name));
+        QVERIFY(file.open(QIODevice::WriteOnly) && file.write(name.toUtf8()) > 0);
+    }
+    LogFile(dir.filePath(parts[0])) << "new";
+    QStringList listing;
+    for (const QString &name : QDir(dir.path()).entryList(QDir::Files, QDir::Name)) {
+        QFile file(dir.filePath(name));
+        listing << name + '=' + (file.open(QIODevice::ReadOnly) ? file.readAll() : "?");
+    }
+    QCOMPARE(listing.join(' '), parts[2]);
 }
 
 QTEST_GUILESS_MAIN(TestRunnable)

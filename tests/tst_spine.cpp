@@ -1,12 +1,13 @@
-// Cell types, column definitions, row layout and row primitives, exceptions
-// and the CRC-64 helper: the ground every table stands on.
+// The ground every table stands on: column definitions, row layout and row
+// primitives, the CRC-64 helper, and cell access (text forms and conversion
+// errors of Field, detached values, date-time and board-list values).
 
 #include <database/database.h>
 
-#include <QDataStream>
 #include <QtTest>
 
 #include <cstring>
+#include <ctime>
 
 namespace {
 
@@ -18,69 +19,64 @@ struct RowGuard
     ~RowGuard() { table->freeRow(row); }
 };
 
+// The message of what a call throws (Exception or QString), or a null string.
 template <typename F> QString thrownText(F f)
 {
     try {
         f();
+    } catch (const Exception &e) {
+        return e.message;
     } catch (const QString &message) {
         return message;
     }
     return QString();
 }
 
+// Switches the process's time zone for one scope.
+struct TimeZone
+{
+    explicit TimeZone(const QByteArray &tz) { set(tz); }
+    ~TimeZone() { set(previous); }
+    static void set(const QByteArray &tz)
+    {
+        qputenv("TZ", tz);
+        tzset();
+    }
+    const QByteArray previous = qgetenv("TZ");
+};
+
+boardlist boards(std::initializer_list<std::pair<int, int>> pairs)
+{
+    boardlist list;
+    for (const auto &p : pairs)
+        list.add(p.first, p.second);
+    return list;
+}
+
 } // namespace
+
+Q_DECLARE_METATYPE(FieldType::Type)
 
 class tst_Spine : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void types_data();
-    void types();
     void stringCells_data();
     void stringCells();
     void layout_data();
     void layout();
     void addColumnRefusals();
     void rowPrimitives();
-    void columnRecord();
-    void exceptionStack();
     void checksum64();
+    void assignAndPrint_data();
+    void assignAndPrint();
+    void dateTimeInAnyZone_data();
+    void dateTimeInAnyZone();
+    void otherViews();
+    void detachedValues();
+    void constValues();
+    void boardLists();
 };
-
-void tst_Spine::types_data()
-{
-    QTest::addColumn<int>("type");
-    QTest::addColumn<int>("length");
-    QTest::addColumn<int>("size");
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QString>("error");
-    auto row = [](const char *tag, int type, int length, int size, const char *name,
-                  const char *error = "") {
-        QTest::newRow(tag) << type << length << size << QString::fromLatin1(name)
-                           << QString::fromLatin1(error);
-    };
-    row("integer", FieldType::Integer, 0, 4, "Integer");
-    row("integer64", FieldType::Integer64, 0, 8, "Integer64");
-    row("double", FieldType::Double, 0, 8, "Double");
-    row("decimal ignores length", FieldType::Decimal, 12, 8, "Decimal[12]");
-    row("varchar", FieldType::VarChar, 32, 64, "VarChar[32]");
-    row("datetime shows no length", FieldType::DateTime, 5, 8, "DateTime");
-    row("boardlist", FieldType::BoardList, 77, 404, "BoardList");
-    row("varchar zero", FieldType::VarChar, 0, 0, "VarChar[0]", "Length of string can't be zero");
-    row("invalid", FieldType::Invalid, 4, 0, "Undefined", "Type is undefined.");
-    row("unknown", 8, 4, 0, "Undefined", "Type is undefined.");
-}
-
-void tst_Spine::types()
-{
-    QFETCH(int, type);
-    QFETCH(int, length);
-    int size = -1;
-    QTEST(thrownText([&] { size = FieldType::typeLength(type, length); }), "error");
-    if (size >= 0)
-        QTEST(size, "size");
-    QTEST(FieldType::typeNameWithLength(type, length), "name");
-}
 
 void tst_Spine::stringCells_data()
 {
@@ -134,6 +130,9 @@ void tst_Spine::layout_data()
     QTest::newRow("boardlist pads to 408")
         << QVector<int> { FieldType::BoardList, FieldType::Integer } << QVector<int> { 0, 408 }
         << 416 << 408 << 16 + 416 + 1 << QByteArray(1, 2);
+    QTest::newRow("int64, decimal, datetime")
+        << QVector<int> { FieldType::Integer64, FieldType::Decimal, FieldType::DateTime }
+        << QVector<int> { 0, 8, 16 } << 24 << 24 << 41 << QByteArray(1, 2);
     // The ninth column opens a second flag byte.
     QTest::newRow("nine integers")
         << QVector<int>(9, FieldType::Integer) << QVector<int> { 0, 8, 16, 24, 32, 40, 48, 56, 64 }
@@ -205,12 +204,6 @@ void tst_Spine::addColumnRefusals()
     QCOMPARE(table.columns(), QStringList { QStringLiteral("price") });
     QCOMPARE(table.rowSize(), size);
     QCOMPARE(table.columnIndex(QStringLiteral("PRICE")), 0);
-    table.addColumn(QStringLiteral("qty"), FieldDef(FieldType::Integer, 0), true,
-                    QStringLiteral("Quantity"), false, QStringLiteral("lots"));
-    QCOMPARE(table.columnTitle(0), QStringLiteral("price"));
-    QCOMPARE(table.columnTitle(1), QStringLiteral("Quantity"));
-    QCOMPARE(table.columnDescription(1), QStringLiteral("lots"));
-    QVERIFY(!table.columnDef(1)->auxFlag);
 }
 
 // Clones and content copies start with a zero reference count; a column range
@@ -241,53 +234,224 @@ void tst_Spine::rowPrimitives()
     QCOMPARE(*reinterpret_cast<int *>(c.row), 0);
 }
 
-void tst_Spine::columnRecord()
-{
-    auto recordOf = [](const TableColumnDef &column) {
-        QByteArray bytes;
-        QDataStream out(&bytes, QIODevice::WriteOnly);
-        column.write(out);
-        return bytes;
-    };
-    TableColumnDef def;
-    def.name = QStringLiteral("price");
-    def.title = QStringLiteral("Цена");
-    def.description = QStringLiteral("last trade");
-    def.type = FieldType::Decimal;
-    def.length = 4;
-    def.size = 8;
-    def.nullable = def.auxFlag = false;
-    const QByteArray bytes = recordOf(def);
-    // name, title, description, then length (4), type (1), size (4), two bools.
-    QCOMPARE(bytes.right(11).toHex(), QByteArray("0000000404000000080000"));
-    TableColumnDef back;
-    back.offset = 99; // not part of the record
-    QDataStream in(bytes);
-    back.read(in);
-    QCOMPARE(recordOf(back), bytes);
-    QCOMPARE(back.offset, qint64(99));
-}
-
-// Each Exception logs its captured stack, line by line, when destroyed; a copy
-// shares the lines instead of capturing again.
-void tst_Spine::exceptionStack()
-{
-    try {
-        throw Exception(QStringLiteral("boom"));
-    } catch (const Exception &e) {
-        QCOMPARE(e.message, QStringLiteral("boom"));
-        QVERIFY(!e.stack.isEmpty());
-        const Exception copy(e);
-        QCOMPARE(copy.stack, e.stack);
-        for (const QString &line : e.stack + copy.stack)
-            QTest::ignoreMessage(QtDebugMsg, qPrintable('"' + line + '"'));
-    }
-}
-
 void tst_Spine::checksum64()
 {
     QCOMPARE(qChecksum64("123456789", 9), Q_UINT64_C(0x62EC59E3F1A4F00A));
     QCOMPARE(qChecksum64("", 0), quint64(0));
+}
+
+void tst_Spine::assignAndPrint_data()
+{
+    QTest::addColumn<FieldType::Type>("type");
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<QString>("printed"); // toString after the assignment
+    QTest::addColumn<QString>("error");
+
+    const auto row = [](const char *name, FieldType::Type type, const char *text,
+                        const char *printed, const QString &error = QString()) {
+        QTest::newRow(name) << type << text << printed << error;
+    };
+    const auto bad = [&](const char *name, FieldType::Type type, const char *text) {
+        row(name, type, text, nullptr,
+            QStringLiteral("Can't convert from '%1'' to %2").arg(text, FieldType::typeName(type)));
+    };
+    using T = FieldType;
+    row("integer", T::Integer, "-42", "-42");
+    bad("integer, bad", T::Integer, "12a");
+    bad("integer, too big", T::Integer, "2147483648");
+    row("integer64", T::Integer64, "9223372036854775807", "9223372036854775807");
+    row("double", T::Double, "0.1", "0.1");
+    row("double, exponent", T::Double, "1e21", "1e+21");
+    bad("double, bad", T::Double, "1,5");
+    row("decimal", T::Decimal, "-12.50", "-12.50");
+    row("decimal, bad", T::Decimal, "1,5", nullptr, "Невозможно создать decimal по строке '1,5'");
+    row("varchar cut", T::VarChar, "abcdef", "abcd");
+    row("varchar empty", T::VarChar, "", "");
+    row("datetime", T::DateTime, "2015.03.01 10:20:30.456", "2015.03.01 10:20:30.456");
+    row("datetime, dashes", T::DateTime, "2015-03-01 10:20:30", "2015.03.01 10:20:30.000");
+    row("date only", T::DateTime, "2015.03.01", "2015.03.01 00:00:00.000");
+    row("datetime, unreadable is null", T::DateTime, "soon", nullptr);
+    row("boardlist", T::BoardList, "1:2", nullptr, "Can't convert from VarChar to BoardList");
+}
+
+void tst_Spine::assignAndPrint()
+{
+    QFETCH(FieldType::Type, type);
+    QFETCH(QString, text);
+    QFETCH(QString, printed);
+    QFETCH(QString, error);
+
+    FieldValue value(type, 4); // the length of the text and decimal cells
+    QCOMPARE(value.toString(), QString()); // null prints as a null string, not "0"
+    QCOMPARE(thrownText([&] { value.field() = text; }), error);
+    QCOMPARE(value.isNull(), !error.isEmpty()); // a failed assignment leaves the cell
+    QCOMPARE(value.toString(), printed);
+    QCOMPARE(value.toString().isNull(), printed.isNull());
+    if (error.isEmpty()) {
+        FieldValue copy(type, 4);
+        copy.fromText(value.toText());
+        QCOMPARE(copy.toText(), value.toText());
+    }
+    // An empty text makes any value null, the board list included.
+    value.fromText(QString());
+    QVERIFY(value.isNull());
+}
+
+// The zone rules are POSIX strings, so they hold without a zone database.
+void tst_Spine::dateTimeInAnyZone_data()
+{
+    QTest::addColumn<QByteArray>("tz");
+    for (const char *tz : { "UTC0", "MSK-3", "EST5EDT,M3.2.0,M11.1.0", "CET-1CEST,M3.5.0,M10.5.0/3",
+                            "NPT-5:45", "LINT-14" })
+        QTest::newRow(tz) << QByteArray(tz);
+}
+
+void tst_Spine::dateTimeInAnyZone()
+{
+    QFETCH(QByteArray, tz);
+    const TimeZone zone(tz);
+
+    QCOMPARE(datetime(1).toString(), QStringLiteral("1970.01.01 00:00:00.001"));
+    QCOMPARE(datetime(-1).toString(), QStringLiteral("1969.12.31 23:59:59.999"));
+    QCOMPARE(datetime().toString(), QString());
+    // The whole 64-bit range is a calendar date (and no overflow on the way).
+    QCOMPARE(datetime(std::numeric_limits<qint64>::max()).toString(),
+             QStringLiteral("292278994.08.17 07:12:55.807"));
+    QVERIFY(!datetime(std::numeric_limits<qint64>::min()).toString().isEmpty());
+
+    FieldValue value(FieldType::DateTime, 0);
+    // 02:30 on the spring-forward night does not exist in local time in
+    // central Europe, but it does in UTC.
+    value.field() = QStringLiteral("2015.03.29 02:30:00.000");
+    QCOMPARE(value.toString(), QStringLiteral("2015.03.29 02:30:00.000"));
+    const QDateTime asVariant = value.toVariant().toDateTime();
+    QCOMPARE(asVariant.timeSpec(), Qt::UTC);
+    QCOMPARE(asVariant.toMSecsSinceEpoch(), Q_INT64_C(1427596200000));
+    QVERIFY(value.toSystemString().endsWith(QLatin1String(" 02:30:00.000")));
+    QCOMPARE(datetime(1427596200000).toLocaleString(QLocale(QStringLiteral("ru_RU"))),
+             QStringLiteral("29.03.2015 02:30:00.000"));
+}
+
+// The views besides the text form: variants, characters, shared strings.
+void tst_Spine::otherViews()
+{
+    FieldValue integer(FieldType::Integer, 0);
+    // Null cells: toChar gives the null character whatever the type.
+    QCOMPARE(integer.toChar(), QChar());
+    QCOMPARE(thrownText([&] { integer.asChar(); }), "String is null for QChar");
+    integer.set(qint32(1234567));
+    QCOMPARE(integer.toVariant(), QVariant(1234567));
+    QCOMPARE(thrownText([&] { integer.toChar(); }), "Incorrect type of field.");
+    QCOMPARE(thrownText([&] { integer.asSharedString(); }), "Incorrect type of field.");
+
+    FieldValue one(FieldType::VarChar, 1), two(FieldType::VarChar, 2);
+    one.field() = QStringLiteral("xyz");
+    two.field() = QStringLiteral("xy");
+    QCOMPARE(one.asChar(), QChar('x'));
+    QCOMPARE(thrownText([&] { two.toChar(); }), "String length is not 1 for QChar: 2.");
+
+    FieldValue number(FieldType::Decimal, 2);
+    number.set(decimal("1.50"));
+    QCOMPARE(number.toVariant().value<decimal>().toString(), QStringLiteral("1.50"));
+
+    FieldValue board(FieldType::BoardList, 0);
+    board.set(boards({ { 2, 7 }, { 1, 5 } }));
+    QCOMPARE(board.toString(), QStringLiteral("[BoardList]"));
+    QCOMPARE(board.toSystemString(), QStringLiteral("1:5 2:7"));
+    QCOMPARE(board.toVariant(), QVariant(QStringLiteral("1:5 2:7")));
+
+    // An Invalid value and a type outside the enumeration.
+    QCOMPARE(thrownText([&] { FieldValue().fromText(QStringLiteral("x")); }),
+             "Can't convert from VarChar to Undefined");
+    TableColumnDef odd;
+    odd.type = FieldType::Type(9);
+    quint64 cell = 0;
+    unsigned char flag = 1;
+    const Field unknown(&odd, reinterpret_cast<unsigned char *>(&cell), &flag, 1);
+    QCOMPARE(thrownText([&] { unknown.toString(); }), "Incorrect type of field.");
+    QCOMPARE(thrownText([&] { unknown.toSystemString(); }), "Incorrect type of field.");
+}
+
+// FieldValue owns its cell and its column definition: copies never share them.
+void tst_Spine::detachedValues()
+{
+    FieldValue original(FieldType::Integer, 0);
+    original.set(qint32(5));
+    FieldValue copy = original;
+    QVERIFY(copy.data != original.data && copy.def != original.def);
+    copy.set(qint32(6));
+    QCOMPARE(original.toString(), QStringLiteral("5"));
+    copy = original;
+    QCOMPARE(copy.toString(), QStringLiteral("5"));
+    copy = copy.field(); // from a view of its own buffer
+    QCOMPARE(copy.toString(), QStringLiteral("5"));
+
+    QTest::ignoreMessage(QtWarningMsg, "FieldValue::init: null column definition");
+    copy.init(nullptr);
+    QCOMPARE(copy.type(), FieldType::Invalid);
+
+    // Made from a table's column or cell, a value keeps no pointer to the table.
+    Table table(QStringLiteral("quotes"));
+    table.addColumn(QStringLiteral("price"), FieldType::Decimal, 4, false);
+    table.addColumn(QStringLiteral("name"), FieldType::VarChar, 8);
+    Record row(&table);
+    Field price = row.data(QStringLiteral("price"));
+    price = QStringLiteral("10.25");
+    const FieldValue byName(&table, QStringLiteral("NAME"));
+    QCOMPARE(byName.columnDef().length, 8);
+    const FieldValue copied(price);
+    QCOMPARE(copied.toText(), QStringLiteral("10.25"));
+    QVERIFY(!byName.columnDef().table && !copied.columnDef().table);
+    QTest::ignoreMessage(QtWarningMsg, "FieldValue: no column -1 in table quotes");
+    QCOMPARE(FieldValue(&table, QStringLiteral("volume")).type(), FieldType::Invalid);
+}
+
+void tst_Spine::constValues()
+{
+    QVERIFY(FieldConstValue().isNull());
+
+    // Each constructor picks its type; fromValue gives back an equal constant.
+    const auto check = [](const FieldConstValue &value, FieldType::Type type, const char *text) {
+        const FieldConstValue back = FieldConstValue::fromValue(value);
+        QCOMPARE(value.type(), type);
+        QCOMPARE(value.toText(), QString::fromUtf8(text));
+        QCOMPARE(back.type(), type);
+        QCOMPARE(back.columnDef().length, value.columnDef().length);
+        QCOMPARE(back.toText(), value.toText());
+    };
+    using T = FieldType;
+    check(FieldConstValue(1LL << 40), T::Integer64, "1099511627776");
+    check(FieldConstValue(decimal("-1.50")), T::Decimal, "-1.50");
+    check(FieldConstValue(datetime(1)), T::DateTime, "1970.01.01 00:00:00.001");
+    check(FieldConstValue(QChar('z')), T::VarChar, "z");
+    check(FieldConstValue("caf\xe9"), T::VarChar, "café"); // a C string is Latin-1
+    FieldValue board(FieldType::BoardList, 0);
+    board.set(boardlist());
+    QVERIFY(FieldConstValue::fromValue(board).isNull());
+    QVERIFY(FieldConstValue::fromValue(FieldValue(FieldType::Double, 0)).isNull());
+}
+
+void tst_Spine::boardLists()
+{
+    QCOMPARE(boards({ { 2, 7 }, { 1, 5 }, { 2, 3 } }).toString(), QStringLiteral("1:5 2:3,7"));
+    // Text order, not numeric order.
+    QCOMPARE(boards({ { 9, 1 }, { 10, 2 }, { 1, 10 }, { 1, 9 } }).toString(),
+             QStringLiteral("10:2 1:10,9 9:1"));
+
+    boardlist list;
+    for (int i = 0; i < boardlist::Capacity; ++i)
+        QVERIFY(list.add(i, -i));
+    QVERIFY(!list.add(99, 99));
+    QVERIFY(list.contains(49, -49));
+
+    // A count read from a damaged row never reaches past the pairs.
+    for (qint32 count : { -5, 1000 }) {
+        boardlist damaged = boards({ { 1, 2 } });
+        std::memcpy(static_cast<void *>(&damaged), &count, sizeof(count));
+        QCOMPARE(damaged.size(), count < 0 ? 0 : boardlist::Capacity);
+        QVERIFY(!damaged.add(3, 4) || count < 0);
+        damaged.toString();
+    }
 }
 
 QTEST_GUILESS_MAIN(tst_Spine)

@@ -46,9 +46,14 @@ class IndexSortPrivate;
 // between) they are searched for, rows whose keys moved by one shared scan.
 //
 // build() takes every master-index row that passes filter() under the table's
-// lock, appends them and stable-sorts once: the order that adding them one by
-// one would give, at the cost of one sort instead of a binary insertion each.
-// It does not go through add().
+// lock and appends it (one handle copy per row, in master order); rows already
+// in compare() order stay as they are (one pass, no sort), others are sorted
+// stably once: the order that adding them one by one would give, at the cost
+// of one sort instead of a binary insertion each. An IndexSortColumns (exactly
+// that class, whose compare() is known) is sorted by integer keys read once
+// per row instead of row comparisons; a key it cannot express (text, a NaN,
+// decimals of mixed scales in one column) or memory short for the keys falls
+// back on the comparison sort. It does not go through add().
 //
 // Threads: as IndexList; resort() sorts on the global thread pool and returns
 // when the sort is complete.

@@ -18,8 +18,15 @@ class Table;
 //
 // Thread-safety: reference counts change only through atomic increments and
 // decrements, so handles to one row may be copied and dropped on several
-// threads at once. The row's content is not protected: writers hold the
+// threads at once. An increment is relaxed: whoever copies a handle already
+// holds one, so the row cannot go away meanwhile. A decrement releases and
+// acquires, so that every use of the row on any thread happens before the last
+// handle frees it. The row's content is not protected: writers hold the
 // table's lock.
+//
+// Cost: copying, assigning, moving and destroying a handle are inline (one
+// atomic instruction on the count at most); only the freeing of a row is a
+// call into the library.
 class DATABASE_EXPORT Record
 {
 public:
@@ -32,15 +39,41 @@ public:
     Record(const Table *table, const QString &key);
     // Adopts a block: takes one reference to `row` (which may be null).
     explicit Record(unsigned char *row) noexcept;
-    Record(const Record &other) noexcept;
+    Record(const Record &other) noexcept
+        : m_row(other.m_row)
+    {
+        ref();
+    }
     Record(Record &&other) noexcept
         : m_row(other.m_row)
     {
         other.m_row = nullptr;
     }
-    Record &operator=(const Record &other) noexcept;
-    Record &operator=(Record &&other) noexcept;
-    ~Record();
+    // Drops the old row first (freeing it if this was its last handle), then
+    // shares the new one; nothing happens when both hold the same row.
+    Record &operator=(const Record &other) noexcept
+    {
+        if (m_row != other.m_row) {
+            deref();
+            m_row = other.m_row;
+            ref();
+        }
+        return *this;
+    }
+    Record &operator=(Record &&other) noexcept
+    {
+        if (this != &other) {
+            if (m_row == other.m_row) {
+                other.deref();
+            } else {
+                deref();
+                m_row = other.m_row;
+            }
+            other.m_row = nullptr;
+        }
+        return *this;
+    }
+    ~Record() { deref(); }
 
     bool isNull() const noexcept { return m_row == nullptr; }
     unsigned char *row() const noexcept { return m_row; }
@@ -83,8 +116,24 @@ public:
     int releaseWithoutFree() noexcept;
 
 private:
-    void ref() const noexcept;
-    void deref() noexcept;
+    // The reference count: the int32 at the start of the row block.
+    static int *countOf(unsigned char *row) noexcept { return reinterpret_cast<int *>(row); }
+    void ref() const noexcept
+    {
+        if (m_row)
+            __atomic_fetch_add(countOf(m_row), 1, __ATOMIC_RELAXED);
+    }
+    void deref() noexcept
+    {
+        if (!m_row)
+            return;
+        unsigned char *row = m_row;
+        m_row = nullptr;
+        if (__atomic_sub_fetch(countOf(row), 1, __ATOMIC_ACQ_REL) == 0)
+            freeRow(row);
+    }
+    // Frees a row whose last handle has let go, through its table.
+    static void freeRow(unsigned char *row) noexcept;
 
     unsigned char *m_row = nullptr;
 };

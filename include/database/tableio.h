@@ -135,12 +135,15 @@ public:
 // could back their count.
 //
 // Performance: stored rows move between the stream and the rows through a
-// buffer of about 64 KiB, one read or write per block of rows; a load whose
-// file layout equals the table's (every column copied to the same place)
-// unpacks stored rows straight into the new rows, without the scratch row and
-// the conversions. Loaded records reach the table in batches of BatchSize
-// (Table::appendList) and the listed indexes are rebuilt once, at the end
-// (TableIndexRebuilder); the main index takes the batches as they come.
+// buffer of about 1 MiB, one read or write per block of rows (through the
+// compressor too), each row packed or unpacked by a few precomputed copies
+// (neighbouring 8-byte cells are one copy); a load whose file layout equals
+// the table's (every column copied to the same place) unpacks stored rows
+// straight into the new rows, without the scratch row and the conversions.
+// Loaded records are staged in the batches of BatchSize that reach the table
+// (Table::appendList), each handle made once; the main index takes the
+// batches as they come (a file is in its order) and the listed indexes are
+// rebuilt once, at the end (TableIndexRebuilder), each by one build.
 //
 // Saving never loses the previous file: a save writes through QSaveFile
 // (under the compressor when compressed), syncs the new file to the disk

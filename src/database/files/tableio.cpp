@@ -29,6 +29,7 @@
 #include <memory>
 #include <new>
 #include <typeinfo>
+#include <vector>
 
 namespace {
 
@@ -82,8 +83,60 @@ struct ConvertorsGuard
 };
 
 // Stored rows are moved through a buffer of about this many bytes, so that a
-// stream sees one read or write per block of rows rather than one per cell.
-const int kBlockBytes = 1 << 16;
+// stream sees one read or write per megabyte of rows rather than one per row
+// or cell (the deflate device takes and gives blocks of any size).
+const int kBlockBytes = 1 << 20;
+
+// Where the bytes of a stored row lie in a row block: the cells, packed in the
+// file, each at its 8-byte aligned place in the block, then the flag bytes
+// after the data area. Neighbouring pieces that are neighbours on both sides
+// (cells of a multiple of 8 bytes) are one piece, so a row of 8-byte cells is
+// copied by a single memcpy.
+class StoredLayout
+{
+public:
+    StoredLayout(const QList<const TableColumnDef *> &columns, int rowLength, int flagBytes)
+    {
+        int stored = 0;
+        for (const TableColumnDef *column : columns) {
+            add(RowLayout::HeaderSize + int(column->offset), stored, int(column->size));
+            stored += int(column->size);
+        }
+        add(RowLayout::HeaderSize + rowLength, stored, flagBytes);
+    }
+    void unpack(const unsigned char *stored, unsigned char *row) const
+    {
+        for (const Piece &piece : m_pieces)
+            std::memcpy(row + piece.inRow, stored + piece.inStored, size_t(piece.size));
+    }
+    void pack(const unsigned char *row, unsigned char *stored) const
+    {
+        for (const Piece &piece : m_pieces)
+            std::memcpy(stored + piece.inStored, row + piece.inRow, size_t(piece.size));
+    }
+
+private:
+    struct Piece
+    {
+        int inRow;
+        int inStored;
+        int size;
+    };
+    void add(int inRow, int inStored, int size)
+    {
+        if (size <= 0)
+            return;
+        if (!m_pieces.isEmpty()) {
+            Piece &last = m_pieces.last();
+            if (last.inRow + last.size == inRow && last.inStored + last.size == inStored) {
+                last.size += size;
+                return;
+            }
+        }
+        m_pieces.append({ inRow, inStored, size });
+    }
+    QVector<Piece> m_pieces;
+};
 
 // Hands out the stored rows of one row section, read from the stream a block
 // at a time. It never reads past the section's `rows` rows, so that whatever
@@ -134,56 +187,47 @@ private:
     int m_end = 0;
 };
 
-// Collects stored rows and writes them to the stream a block at a time.
+// Packs stored rows into a block and writes the stream a block at a time.
 class StoredRowWriter
 {
 public:
+    // `rows`: how many rows will be appended, so that a short list takes a
+    // buffer of its own size.
     StoredRowWriter(QDataStream &stream, const QList<const TableColumnDef *> &columns,
-                    int rowLength, int flagBytes)
+                    int rowLength, int flagBytes, qint64 rows)
         : m_stream(stream)
-        , m_columns(columns)
-        , m_rowLength(rowLength)
-        , m_flagBytes(flagBytes)
+        , m_layout(columns, rowLength, flagBytes)
+        , m_storedSize(flagBytes)
     {
-        m_buffer.reserve(kBlockBytes + rowLength + flagBytes);
+        for (const TableColumnDef *column : columns)
+            m_storedSize += int(column->size);
+        m_blockRows = int(qBound<qint64>(1, rows, qMax(1, kBlockBytes / qMax(1, m_storedSize))));
     }
     ~StoredRowWriter() { flush(); }
     void append(const unsigned char *row)
     {
-        for (const TableColumnDef *column : m_columns)
-            m_buffer.append(reinterpret_cast<const char *>(RowLayout::cell(row, column)),
-                            int(column->size));
-        m_buffer.append(reinterpret_cast<const char *>(RowLayout::flagArea(row, m_rowLength)),
-                        m_flagBytes);
-        if (m_buffer.size() >= kBlockBytes)
+        if (m_buffer.empty())
+            m_buffer.resize(size_t(m_blockRows) * size_t(m_storedSize));
+        m_layout.pack(row, m_buffer.data() + m_used);
+        m_used += size_t(m_storedSize);
+        if (m_used == m_buffer.size())
             flush();
     }
     void flush()
     {
-        if (!m_buffer.isEmpty())
-            m_stream.writeRawData(m_buffer.constData(), m_buffer.size());
-        m_buffer.resize(0);
+        if (m_used > 0)
+            m_stream.writeRawData(reinterpret_cast<const char *>(m_buffer.data()), int(m_used));
+        m_used = 0;
     }
 
 private:
     QDataStream &m_stream;
-    const QList<const TableColumnDef *> &m_columns;
-    const int m_rowLength;
-    const int m_flagBytes;
-    QByteArray m_buffer;
+    const StoredLayout m_layout;
+    int m_storedSize;
+    int m_blockRows = 1;
+    std::vector<unsigned char> m_buffer;
+    size_t m_used = 0;
 };
-
-// Places a stored row's cells at the columns' padded places of a row block
-// and its flag bytes after the data area.
-void unpackRow(const unsigned char *stored, const QList<const TableColumnDef *> &columns,
-               int rowLength, int flagBytes, unsigned char *row)
-{
-    for (const TableColumnDef *column : columns) {
-        std::memcpy(RowLayout::cell(row, column), stored, size_t(column->size));
-        stored += column->size;
-    }
-    std::memcpy(RowLayout::flagArea(row, rowLength), stored, size_t(flagBytes));
-}
 
 // Whether the conversions copy every column of the table from the file column
 // at the same place: the file's layout is the table's, and stored rows can go
@@ -624,7 +668,8 @@ bool TableIO::writeRows(FilterProgress &progress, const TableHeader &header, QDa
     if (!master)
         return true;
     const bool report = !FilterProgressTrue::isDefault(progress);
-    StoredRowWriter writer(stream, d->table->fieldDefs(), d->table->rowLength(), header.flagBytes);
+    StoredRowWriter writer(stream, d->table->fieldDefs(), d->table->rowLength(), header.flagBytes,
+                           header.rowCount);
     int i = 0;
     for (auto it = master->begin(), end = master->end(); it != end; ++it, ++i) {
         writer.append((*it).row());
@@ -847,12 +892,13 @@ bool TableIO::load(FilterProgress &progress, QDataStream &stream, bool addColumn
     const bool report = !FilterProgressTrue::isDefault(progress);
     // Same layout: stored rows go straight into the new rows.
     const bool inPlace = copiesEveryColumnInPlace(conversions, layout, &scratch);
-    const QList<const TableColumnDef *> &fileColumns = scratch.fieldDefs();
-    const int scratchRowLength = scratch.rowLength();
-    const QList<const TableColumnDef *> &layoutColumns = layout->fieldDefs();
-    const int layoutRowLength = layout->rowLength();
+    const StoredLayout fileLayout(scratch.fieldDefs(), scratch.rowLength(), header.flagBytes);
+    const StoredLayout tableLayout(layout->fieldDefs(), layout->rowLength(), header.flagBytes);
     const qint64 allocationBudget = testingAllocationBudget.load();
-    std::vector<Record> staged;
+    // The rows are staged in the batches the table takes them in: each
+    // handle is made once and handed on without further copies.
+    QList<QList<Record>> staged;
+    qint64 stagedRows = 0;
     int loaded = 0;
     try {
         RowGuard source { &scratch, scratch.allocRow() };
@@ -865,21 +911,29 @@ bool TableIO::load(FilterProgress &progress, QDataStream &stream, bool addColumn
             const unsigned char *stored = reader.next();
             if (!stored)
                 break;
-            if (allocationBudget >= 0 && qint64(staged.size()) >= allocationBudget)
+            if (allocationBudget >= 0 && stagedRows >= allocationBudget)
                 throw std::bad_alloc();
             unsigned char *row = layout->allocRow();
             if (!row)
                 throw std::bad_alloc();
             if (inPlace) {
-                unpackRow(stored, layoutColumns, layoutRowLength, header.flagBytes, row);
+                tableLayout.unpack(stored, row);
             } else {
-                unpackRow(stored, fileColumns, scratchRowLength, header.flagBytes, source.row);
+                fileLayout.unpack(stored, source.row);
                 convertDefs(conversions, row, source.row);
             }
             Record record(row);
             if (report && !progress.filter(record))
                 continue;
-            staged.push_back(record);
+            if (staged.isEmpty() || staged.last().size() >= BatchSize) {
+                staged.append(QList<Record>());
+                staged.last().reserve(int(qMin<qint64>(BatchSize, rowCount - loaded)));
+            }
+            // A null handle in place, then the record moved in: one count.
+            QList<Record> &batch = staged.last();
+            batch.append(Record());
+            batch.last() = std::move(record);
+            ++stagedRows;
         }
     } catch (const std::bad_alloc &) {
         return d->fail(QStringLiteral("Table %1: out of memory after %2 of %3 rows; the table "
@@ -909,8 +963,10 @@ bool TableIO::load(FilterProgress &progress, QDataStream &stream, bool addColumn
     if (!added.isEmpty()) {
         table->addColumns(added);
         // The staged blocks have the table's new layout: they become its rows.
-        for (const Record &record : staged)
-            RowLayout::setOwner(record.row(), table);
+        for (const QList<Record> &batch : qAsConst(staged)) {
+            for (const Record &record : batch)
+                RowLayout::setOwner(record.row(), table);
+        }
     }
     if (needsKey)
         table->setMasterIndex(new MasterIndex_Column_Pure(table, header.keyColumns));
@@ -918,18 +974,10 @@ bool TableIO::load(FilterProgress &progress, QDataStream &stream, bool addColumn
     try {
         previous = rowsOfMasterIndex(table);
         table->clear();
-        QList<Record> batch;
-        batch.reserve(BatchSize);
-        for (Record &record : staged) {
-            batch.append(record);
-            record = Record();
-            if (batch.size() >= BatchSize) {
-                table->appendList(batch);
-                batch.clear();
-            }
-        }
-        if (!batch.isEmpty())
+        for (QList<Record> &batch : staged) {
             table->appendList(batch);
+            batch = QList<Record>();
+        }
     } catch (const std::bad_alloc &) {
         staged.clear();
         table->clear();
@@ -1039,7 +1087,8 @@ bool TableIO::writeRowList(FilterProgress &progress, QDataStream &stream,
     header.rowCount = records.count();
     writeHeader(header, stream);
     const bool report = !FilterProgressTrue::isDefault(progress);
-    StoredRowWriter writer(stream, table->fieldDefs(), table->rowLength(), header.flagBytes);
+    StoredRowWriter writer(stream, table->fieldDefs(), table->rowLength(), header.flagBytes,
+                           header.rowCount);
     int i = 0;
     for (auto it = records.begin(), end = records.end(); it != end; ++it, ++i) {
         writer.append((*it).row());
@@ -1088,6 +1137,7 @@ bool TableIO::readRowList(FilterProgress &progress, QDataStream &stream,
     }
     const int rowCount = table->columnCount() == 0 ? 0 : header.rowCount;
     const bool report = !FilterProgressTrue::isDefault(progress);
+    const StoredLayout layout(table->fieldDefs(), table->rowLength(), header.flagBytes);
     StoredRowReader reader(stream, header.rowLength + header.flagBytes, rowCount);
     for (int i = 0; i < rowCount; ++i) {
         if (report)
@@ -1102,7 +1152,7 @@ bool TableIO::readRowList(FilterProgress &progress, QDataStream &stream,
         if (!row)
             throw std::bad_alloc();
         Record record(row);
-        unpackRow(stored, table->fieldDefs(), table->rowLength(), header.flagBytes, row);
+        layout.unpack(stored, row);
         if (report && !progress.filter(record))
             continue;
         records.append(record);

@@ -1,9 +1,11 @@
 #include <database/indexsort.h>
 
+#include "indexes/columnkeysort_p.h"
 #include "indexes/indexobservers_p.h"
 #include "storage/rowlayout_p.h"
 
 #include <database/concurrentsort.h>
+#include <database/indexsortcolumns.h>
 #include <database/masterindex_struct.h>
 #include <database/table.h>
 
@@ -11,7 +13,11 @@
 #include <QMessageLogger>
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
+#include <new>
+#include <typeinfo>
+#include <vector>
 
 class IndexSortPrivate
 {
@@ -314,16 +320,60 @@ void IndexSort::build()
     const MasterIndex *master = source->masterIndex();
     if (!master || static_cast<const IndexList *>(master) == this)
         return;
-    QList<Record> rows;
-    rows.reserve(master->count());
-    for (auto it = master->begin(), end = master->end(); it != end; ++it) {
-        if (filter(*it))
-            rows.append(*it);
-    }
     IndexResetScope resetting(observers());
     clear();
-    records().insert(0, rows);
-    resort();
+    // A column index orders by keys read once per row; any other by compare().
+    // The keys need memory of their own: without it the build falls back on
+    // the comparison sort rather than fail.
+    std::unique_ptr<ColumnKeySort> keys;
+    std::vector<quint64> handles;
+    if (typeid(*this) == typeid(IndexSortColumns)) {
+        QVector<ColumnKeySort::Column> columns;
+        for (const SortColumn &column : static_cast<IndexSortColumns *>(this)->columns())
+            columns.append({ source->columnDef(column.name), column.order == Qt::DescendingOrder });
+        try {
+            keys.reset(new ColumnKeySort(columns, master->count()));
+            handles.reserve(size_t(master->count()));
+        } catch (const std::bad_alloc &) {
+            keys.reset();
+        }
+        if (keys && !keys->usable())
+            keys.reset();
+    }
+    // Each handle is copied once, into the list, in master order: the
+    // reference counts are touched row after row, not at random. With keys,
+    // the handles' bits (a Record is its row pointer) travel through the key
+    // sort and are put back in key order: relocated, each reference staying
+    // with its row, none counted again.
+    static_assert(sizeof(Record) == sizeof(quint64) && QTypeInfo<Record>::isRelocatable,
+                  "a Record is one relocatable pointer");
+    PartitionList<Record> &list = records();
+    for (auto it = master->begin(), end = master->end(); it != end; ++it) {
+        if (!filter(*it))
+            continue;
+        list.append(*it);
+        if (keys) {
+            keys->add(it->row());
+            handles.push_back(quint64(quintptr(it->row())));
+        }
+    }
+    if (keys && keys->finish()) {
+        if (keys->inOrder())
+            return;
+        try {
+            keys->sort(handles);
+        } catch (const std::bad_alloc &) {
+            keys.reset();
+        }
+        if (keys) {
+            auto handle = handles.cbegin();
+            for (auto it = list.begin(), end = list.end(); it != end; ++it, ++handle)
+                std::memcpy(static_cast<void *>(&*it), &*handle, sizeof(Record));
+            return;
+        }
+    }
+    if (!std::is_sorted(list.cbegin(), list.cend(), LessThan(this)))
+        resort();
 }
 
 void IndexSort::add(const Record &record)

@@ -25,23 +25,95 @@ bool isPriceable(const VolatInputParams &in)
 {
     return in.strike > 0 && in.price > 0 && in.sqrtTime > 0;
 }
-} // namespace
 
-double norm_pdf(double x)
+// The small helpers live here as inline functions so that the pricing loop
+// (calcVolatParamsNorm, called for every option and every Newton step) has
+// no call inside it; the exported functions below are thin wrappers and give
+// the very same bits.
+
+// exp(-x^2 / 2), shared by the density and the distribution function at the
+// same point. Halving is exact, so -0.5 * x * x and -x * x * 0.5 round alike.
+inline double gaussExp(double x)
 {
-    return std::exp(-0.5 * x * x) * kInvSqrt2Pi;
+    return std::exp(-0.5 * x * x);
 }
 
-double norm_cdf(double x)
+inline double densityFromExp(double e)
+{
+    return e * kInvSqrt2Pi;
+}
+
+// The distribution function given gaussExp(x), which it uses only when
+// |x| <= kCdfLimit.
+inline double cdfFromExp(double x, double e)
 {
     if (x > kCdfLimit)
         return 1.0;
     if (x < -kCdfLimit)
         return 0.0;
     const double k = 1.0 / (1.0 + 0.2316419 * std::fabs(x));
-    const double tail = std::exp(-x * x * 0.5) * kCdfDensity * k
+    const double tail = e * kCdfDensity * k
         * (0.3193815 + k * (-0.3565638 + k * (1.781478 + k * (-1.821256 + k * 1.330274))));
     return x > 0 ? 1.0 - tail : tail;
+}
+
+inline double cdf(double x)
+{
+    if (x > kCdfLimit)
+        return 1.0;
+    if (x < -kCdfLimit)
+        return 0.0;
+    return cdfFromExp(x, gaussExp(x));
+}
+
+inline double d1Of(const VolatInputParams &in, double sigma)
+{
+    const double t = in.sqrtTime;
+    return (std::log(in.price / in.strike) + 0.5 * sigma * sigma * t * t) / (sigma * t);
+}
+
+inline double d2Of(const VolatInputParams &in, double sigma, double d1)
+{
+    return d1 - sigma * in.sqrtTime;
+}
+
+inline double vegaOf(const VolatInputParams &in, double pdf)
+{
+    return pdf * in.price * in.sqrtTime;
+}
+
+inline double gammaOf(const VolatInputParams &in, double sigma, double pdf)
+{
+    return pdf / (in.sqrtTime * (sigma * in.price));
+}
+
+inline double thetaOf(const VolatInputParams &in, double sigma, double pdf)
+{
+    return -(sigma * in.price * pdf / (in.sqrtTime + in.sqrtTime)) / 365.0;
+}
+
+inline QPair<double, double> pricesOf(const VolatInputParams &in, double nd1, double nd2)
+{
+    const double call = nd1 * in.price - nd2 * in.strike;
+    const double put = call - in.price + in.strike;
+    return qMakePair(call, put);
+}
+
+inline QPair<double, double> pricesAt(const VolatInputParams &in, double sigma)
+{
+    const double d1 = d1Of(in, sigma);
+    return pricesOf(in, cdf(d1), cdf(d2Of(in, sigma, d1)));
+}
+} // namespace
+
+double norm_pdf(double x)
+{
+    return densityFromExp(gaussExp(x));
+}
+
+double norm_cdf(double x)
+{
+    return cdf(x);
 }
 
 double volatByCurve(const VolatInputParams &in)
@@ -54,60 +126,66 @@ double volatByCurve(const VolatInputParams &in)
 
 double d_1(const VolatInputParams &in, double sigma)
 {
-    const double t = in.sqrtTime;
-    return (std::log(in.price / in.strike) + 0.5 * sigma * sigma * t * t) / (sigma * t);
+    return d1Of(in, sigma);
 }
 
 double d_2(const VolatInputParams &in, double sigma, double d1)
 {
-    return d1 - sigma * in.sqrtTime;
+    return d2Of(in, sigma, d1);
 }
 
 double vega(const VolatInputParams &in, double pdf)
 {
-    return pdf * in.price * in.sqrtTime;
+    return vegaOf(in, pdf);
 }
 
 double gamma(const VolatInputParams &in, double sigma, double pdf)
 {
-    return pdf / (in.sqrtTime * (sigma * in.price));
+    return gammaOf(in, sigma, pdf);
 }
 
 double theta(const VolatInputParams &in, double sigma, double pdf)
 {
-    return -(sigma * in.price * pdf / (in.sqrtTime + in.sqrtTime)) / 365.0;
+    return thetaOf(in, sigma, pdf);
 }
 
 QPair<double, double> theorPriceCallPut(const VolatInputParams &in, double nd1, double nd2)
 {
-    const double call = nd1 * in.price - nd2 * in.strike;
-    const double put = call - in.price + in.strike;
-    return qMakePair(call, put);
+    return pricesOf(in, nd1, nd2);
 }
 
 QPair<double, double> theorPriceCallPut(const VolatInputParams &in, double sigma)
 {
-    const double d1 = d_1(in, sigma);
-    return theorPriceCallPut(in, norm_cdf(d1), norm_cdf(d_2(in, sigma, d1)));
+    return pricesAt(in, sigma);
 }
 
-void calcVolatParamsNorm(VolatOutputParams &out, const VolatInputParams &in, double sigma)
+namespace {
+// The price and greeks loop of calcVolatParamsNorm, inlined into its callers.
+inline void fillGreeks(VolatOutputParams &out, const VolatInputParams &in, double sigma)
 {
     if (!(isPriceable(in) && sigma > 0))
         return;
-    const double d1 = d_1(in, sigma);
-    const double d2 = d_2(in, sigma, d1);
-    const double c1 = norm_cdf(d1);
-    const double c2 = norm_cdf(d2);
-    const QPair<double, double> prices = theorPriceCallPut(in, c1, c2);
+    const double d1 = d1Of(in, sigma);
+    const double d2 = d2Of(in, sigma, d1);
+    // One exponential serves both N(d1) and the density at d1.
+    const double e1 = gaussExp(d1);
+    const double c1 = cdfFromExp(d1, e1);
+    const double c2 = cdf(d2);
+    const QPair<double, double> prices = pricesOf(in, c1, c2);
     out.priceCall = prices.first;
     out.pricePut = prices.second;
     out.deltaCall = c1;
     out.deltaPut = c1 - 1.0;
-    const double p = norm_pdf(d1);
-    out.gamma = gamma(in, sigma, p);
-    out.vega = vega(in, p);
-    out.theta = theta(in, sigma, p);
+    const double p = densityFromExp(e1);
+    out.gamma = gammaOf(in, sigma, p);
+    out.vega = vegaOf(in, p);
+    out.theta = thetaOf(in, sigma, p);
+}
+} // namespace
+
+void calcVolatParamsNorm(VolatOutputParams &out, const VolatInputParams &in, double sigma)
+{
+    fillGreeks(out, in, sigma);
 }
 
 void calcVolatParams(VolatOutputParams &out, const VolatInputParams &in, double volat)
@@ -119,7 +197,7 @@ void calcVolatParams(VolatOutputParams &out, const VolatInputParams &in, double 
     out.priceCall = 0;
     out.pricePut = 0;
     if (volat != 0) {
-        calcVolatParamsNorm(out, in, volat / 100);
+        fillGreeks(out, in, volat / 100);
         out.vega /= 100;
         return;
     }
@@ -132,7 +210,7 @@ void calcVolatParams(VolatOutputParams &out, const VolatInputParams &in, double 
 
 double theorPriceForInTheMoney(double a, double b, double c)
 {
-    return c * norm_cdf(0.5 * b * a) - norm_cdf(0.5 * b * a - b * a) * c;
+    return c * cdf(0.5 * b * a) - cdf(0.5 * b * a - b * a) * c;
 }
 
 double theorPriceForOutOfTheMoney(double sigma, double sqrtTime, bool put, double price,
@@ -143,7 +221,7 @@ double theorPriceForOutOfTheMoney(double sigma, double sqrtTime, bool put, doubl
     const VolatInputParams params {
         strike, price, sqrtTime, 50.0, 0, 1.0, 0, 1.0, 0, 0.01, 1000.0
     };
-    const QPair<double, double> prices = theorPriceCallPut(params, sigma);
+    const QPair<double, double> prices = pricesAt(params, sigma);
     return put ? prices.second : prices.first;
 }
 
@@ -160,7 +238,7 @@ double volatByTheorPrice(const VolatInputParams &in, bool put, double target, do
     double computedSigma = -1;
     const auto priceAt = [&](double sigma) {
         if (sigma != computedSigma) {
-            calcVolatParamsNorm(out, in, sigma);
+            fillGreeks(out, in, sigma);
             computedSigma = sigma;
         }
         return put ? out.pricePut : out.priceCall;

@@ -7,14 +7,8 @@
 
 #include <cstring>
 
-namespace {
-
-int *countOf(unsigned char *row)
-{
-    return reinterpret_cast<int *>(row + RowLayout::RefCountOffset);
-}
-
-} // namespace
+static_assert(RowLayout::RefCountOffset == 0,
+              "Record's inline reference counting reads the count at the start of the row");
 
 Record::Record(const Table *table)
     : m_row(table ? table->allocRow() : nullptr)
@@ -28,63 +22,16 @@ Record::Record(unsigned char *row) noexcept
     ref();
 }
 
-Record::Record(const Record &other) noexcept
-    : m_row(other.m_row)
+void Record::freeRow(unsigned char *row) noexcept
 {
-    ref();
-}
-
-Record &Record::operator=(const Record &other) noexcept
-{
-    if (m_row != other.m_row) {
-        deref();
-        m_row = other.m_row;
-        ref();
-    }
-    return *this;
-}
-
-Record &Record::operator=(Record &&other) noexcept
-{
-    if (this != &other) {
-        if (m_row == other.m_row) {
-            other.deref();
-        } else {
-            deref();
-            m_row = other.m_row;
-        }
-        other.m_row = nullptr;
-    }
-    return *this;
-}
-
-Record::~Record()
-{
-    deref();
-}
-
-void Record::ref() const noexcept
-{
-    if (m_row)
-        __atomic_add_fetch(countOf(m_row), 1, __ATOMIC_SEQ_CST);
-}
-
-void Record::deref() noexcept
-{
-    if (!m_row)
-        return;
-    unsigned char *row = m_row;
-    m_row = nullptr;
-    if (__atomic_sub_fetch(countOf(row), 1, __ATOMIC_SEQ_CST) == 0) {
-        RowLayout::owner(row)->freeRow(row);
-    }
+    RowLayout::owner(row)->freeRow(row);
 }
 
 int Record::releaseWithoutFree() noexcept
 {
     if (!m_row)
         return 0;
-    const int left = __atomic_sub_fetch(countOf(m_row), 1, __ATOMIC_SEQ_CST);
+    const int left = __atomic_sub_fetch(countOf(m_row), 1, __ATOMIC_ACQ_REL);
     m_row = nullptr;
     return left;
 }
@@ -98,7 +45,7 @@ Table *Record::table() const noexcept
 
 int Record::refCount() const noexcept
 {
-    return m_row ? __atomic_load_n(countOf(m_row), __ATOMIC_SEQ_CST) : 0;
+    return m_row ? __atomic_load_n(countOf(m_row), __ATOMIC_ACQUIRE) : 0;
 }
 
 Record Record::clone() const
