@@ -9,6 +9,11 @@
 //     taken beforehand (buildKeeper), inside one update bracket per 1000 rows.
 // Printed at the end: rows per second of each, and the cost of a row in a
 // transaction over its cost in the plain loop.
+//
+// Integer primary keys: a million rows with ascending ids inserted in one
+// transaction into an empty table, then a million random look-ups by key,
+// with the integer master index against the column master index over the
+// same column; printed as the integer key's rate over the column key's.
 
 #include <database/database.h>
 
@@ -128,6 +133,76 @@ void BM_UpdatedLoop(benchmark::State &state)
     state.SetItemsProcessed(state.iterations() * kBatch);
 }
 
+enum KeyKind { ColumnKey, IntegerKey };
+
+std::unique_ptr<Table> keyedTable(KeyKind kind)
+{
+    auto table = std::make_unique<Table>(QStringLiteral("orders"));
+    table->addColumn(QStringLiteral("id"), FieldType::Integer, 0, false);
+    table->addColumn(QStringLiteral("price"), FieldType::Decimal, 0, false);
+    table->addColumn(QStringLiteral("qty"), FieldType::Double);
+    if (kind == IntegerKey)
+        table->setMasterIndex(new MasterIndex_Integer(table.get(), QStringLiteral("id")));
+    else
+        table->setMasterIndex(new MasterIndex_Column_Pure(table.get(), QStringLiteral("id")));
+    return table;
+}
+
+template <KeyKind kind> void BM_KeyInsert(benchmark::State &state)
+{
+    for (auto _ : state) {
+        state.PauseTiming();
+        auto table = keyedTable(kind);
+        std::vector<Record> rows;
+        rows.reserve(kRows);
+        for (int i = 0; i < kRows; ++i) {
+            rows.emplace_back(table.get());
+            rows.back().data(Id).set<qint32>(i);
+        }
+        state.ResumeTiming();
+        table->beginUpdate();
+        {
+            RecordsTrans trans(table.get());
+            for (const Record &row : rows)
+                RecordUpdater(&trans).insertInMap(row);
+        }
+        table->endUpdate();
+        state.PauseTiming();
+        rows.clear();
+        table.reset();
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(state.iterations() * kRows);
+}
+
+template <KeyKind kind> void BM_KeyFind(benchmark::State &state)
+{
+    auto table = keyedTable(kind);
+    QList<Record> rows;
+    for (int i = 0; i < kRows; ++i) {
+        rows.append(Record(table.get()));
+        rows.back().data(Id).set<qint32>(i);
+    }
+    table->appendList(rows);
+    rows.clear();
+    const MasterIndex *master = table->masterIndex();
+    Record key(table.get());
+    std::mt19937 random(5);
+    qint64 found = 0;
+    for (auto _ : state) {
+        for (int i = 0; i < kRows; ++i) {
+            key.data(Id).set<qint32>(qint32(random() % kRows));
+            found += !master->find(key, -1).isNull();
+        }
+    }
+    benchmark::DoNotOptimize(found);
+    state.SetItemsProcessed(state.iterations() * kRows);
+}
+
+BENCHMARK_TEMPLATE(BM_KeyInsert, ColumnKey)->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK_TEMPLATE(BM_KeyInsert, IntegerKey)->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK_TEMPLATE(BM_KeyFind, ColumnKey)->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK_TEMPLATE(BM_KeyFind, IntegerKey)->Unit(benchmark::kMillisecond)->Iterations(1);
 BENCHMARK(BM_TransactionUpdates)->Unit(benchmark::kMillisecond)->Iterations(kBatches);
 BENCHMARK(BM_UpdatedLoop)->Unit(benchmark::kMillisecond)->Iterations(kBatches);
 
@@ -139,6 +214,14 @@ int main(int argc, char **argv)
     quotes(); // build the table before the clock runs
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
+    for (const char *name : { "BM_KeyInsert", "BM_KeyFind" }) {
+        const double column = reporter.rate(std::string(name) + "<ColumnKey>");
+        const double integer = reporter.rate(std::string(name) + "<IntegerKey>");
+        if (column > 0 && integer > 0)
+            std::printf("%s of %d integer keys: integer master %.4g rows/s, column master %.4g "
+                        "rows/s, ratio %.2f\n",
+                        name, kRows, integer, column, integer / column);
+    }
     const double trans = reporter.rate("BM_TransactionUpdates");
     const double loop = reporter.rate("BM_UpdatedLoop");
     if (trans > 0 && loop > 0)

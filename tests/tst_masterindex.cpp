@@ -1,6 +1,7 @@
 // Master indexes: look-up by key text, ordering and parsing by column type,
-// the raw-byte key and its refusals, the ordered master, and what a table does
-// with its master index (ownership, re-laying rows when a column is added).
+// the raw-byte key and its refusals, the integer key, the ordered master, and
+// what a table does with its master index (ownership, re-laying rows when a
+// column is added).
 
 #include "indexchecker.h"
 #include "testindexes.h"
@@ -8,6 +9,9 @@
 #include <database/database.h>
 
 #include <QtTest>
+
+#include <algorithm>
+#include <limits>
 
 using namespace TestIndexes;
 
@@ -34,6 +38,9 @@ private Q_SLOTS:
     void lookupByKeyText();
     void keyText_data();
     void keyText();
+    void integerKeyOrder_data();
+    void integerKeyOrder();
+    void integerKeyAsMaster();
     void orderedMaster();
     void addColumnRelaysRows();
     void batchesMoveRowsOnlyForKeyChanges();
@@ -133,6 +140,80 @@ void tst_MasterIndex::keyText()
              expected);
 }
 
+void tst_MasterIndex::integerKeyOrder_data()
+{
+    QTest::addColumn<int>("type"); // of the key column "v"
+    QTest::addColumn<bool>("nullable");
+    QTest::addColumn<QString>("texts"); // two key texts, "a|b"
+    QTest::addColumn<QString>("expected"); // compare(a, b), or the error
+    const auto add = [](const char *name, FieldType::Type type, const char *texts,
+                        const char *expected, bool nullable = false) {
+        QTest::newRow(name) << int(type) << nullable << texts << expected;
+    };
+    add("int sign", FieldType::Integer, "-1|0", "-1");
+    add("int byte order", FieldType::Integer, "256|1", "1");
+    add("int extremes", FieldType::Integer, "2147483647|-2147483648", "1");
+    add("int64 extremes", FieldType::Integer64, "-9223372036854775808|9223372036854775807", "-1");
+    add("int64 high word", FieldType::Integer64, "4294967296|4294967295", "1");
+    add("date-time before 1970", FieldType::DateTime, "1969-12-31|1970-01-02", "-1");
+    add("double", FieldType::Double, "|", "Type 'Double' unsuported for v");
+    add("nullable", FieldType::Integer, "|", "Columns can't be nullable v", true);
+}
+
+// Numeric order of both widths, whatever the bytes look like, as the column
+// key over the same column gives it.
+void tst_MasterIndex::integerKeyOrder()
+{
+    QFETCH(int, type);
+    QFETCH(bool, nullable);
+    QFETCH(QString, texts);
+    QFETCH(QString, expected);
+    Table table(QStringLiteral("values"));
+    table.addColumn(QStringLiteral("name"), FieldType::VarChar, 4);
+    table.addColumn(QStringLiteral("v"), FieldType::Type(type), 0, nullable);
+    QCOMPARE(outcome([&] {
+                 MasterIndex_Integer master(&table, QStringLiteral("v"));
+                 const Record a = master.fromText(texts.section('|', 0, 0));
+                 const Record b = master.fromText(texts.section('|', 1));
+                 const int c = master.compare(a, b);
+                 const bool agrees = c == MasterIndex_Column_Pure(&table, "v").compare(a, b)
+                     && -c == master.compare(b, a);
+                 return agrees ? QString::number(c) : QStringLiteral("disagrees");
+             }),
+             expected);
+}
+
+// As a table's master: batches in any order (one past every key is appended)
+// and lookup by key text at the extremes.
+void tst_MasterIndex::integerKeyAsMaster()
+{
+    Table table(QStringLiteral("ids"));
+    table.addColumn(QStringLiteral("id"), FieldType::Integer64, 0, false);
+    table.setMasterIndex(new MasterIndex_Integer(&table, 0));
+    QList<qint64> ids;
+    const auto append = [&](const QList<qint64> &batch) {
+        QList<Record> rows;
+        for (qint64 id : batch)
+            rows << table.masterIndex()->fromText(QString::number(id));
+        table.appendList(rows);
+        ids << batch;
+    };
+    append({ 300, -5, 65536, 0 });
+    append({ 70000, 70007, 1LL << 40, std::numeric_limits<qint64>::max() });
+    append({ std::numeric_limits<qint64>::min(), 255, 256, -1 });
+    std::sort(ids.begin(), ids.end());
+    QStringList texts;
+    for (qint64 id : ids)
+        texts << QString::number(id);
+    QStringList keys;
+    for (const Record &row : IndexChecker::rowsOf(table.masterIndex()))
+        keys << row.toString();
+    QCOMPARE(keys, texts);
+    QVERIFY_INDEXES(&table);
+    for (const QString &text : { texts.first(), texts.last(), QStringLiteral("-1") })
+        QCOMPARE(Record(&table, text).toString(), text);
+}
+
 // Rows stay in arrival order; without a key every search key matches the first.
 void tst_MasterIndex::orderedMaster()
 {
@@ -182,7 +263,6 @@ void tst_MasterIndex::addColumnRelaysRows()
     }
 }
 
-QTEST_GUILESS_MAIN(tst_MasterIndex)
 // A batch that changes no key column leaves updated rows in place, also
 // behind an equal key (a full re-merge would move them after it); a batch
 // over the key columns re-places them.
@@ -208,4 +288,5 @@ void tst_MasterIndex::batchesMoveRowsOnlyForKeyChanges()
     QVERIFY_INDEXES(&table);
 }
 
+QTEST_GUILESS_MAIN(tst_MasterIndex)
 #include "tst_masterindex.moc"

@@ -6,6 +6,10 @@
 
 #include <QtTest>
 
+#include <algorithm>
+#include <numeric>
+#include <random>
+
 using namespace TransFixture;
 
 class tst_RecordsTrans : public QObject
@@ -13,6 +17,7 @@ class tst_RecordsTrans : public QObject
     Q_OBJECT
 private slots:
     void stateMovesPerKey();
+    void manyKeysKeepTheirLists();
     void limitedViewIsTrimmed();
     void executeEarlyThenEmptyBatch();
     void writersAndMisuse();
@@ -76,6 +81,59 @@ void tst_RecordsTrans::stateMovesPerKey()
     const Model expected { { 1, { "a", 11.5, 7 } }, { 2, { "b", 20, 4 } }, { 6, { "f", 60, 6 } } };
     QCOMPARE(modelOf(q.table), expected);
     QCOMPARE(q.view->batches, (QVector<Batch> { { 1, 2, 1, 2, Price, Qty } }));
+    QVERIFY_INDEXES(&q.table);
+}
+
+// A batch far larger than one block of the transaction's bookkeeping, with
+// withdrawn inserts whose room is used again and removals that a later insert
+// of the key leaves standing: the lists come out in key order, one entry per
+// key, and the table takes them.
+void tst_RecordsTrans::manyKeysKeepTheirLists()
+{
+    QuoteTable q;
+    Model model;
+    for (int id = 0; id < 6000; id += 2)
+        model.insert(id, { "old", 0, 0 });
+    q.fill(model);
+    std::vector<int> ids(6000);
+    std::iota(ids.begin(), ids.end(), 0);
+    std::shuffle(ids.begin(), ids.end(), std::mt19937(3));
+    QList<int> expected[3]; // inserted, removed, updated
+    q.table.beginUpdate();
+    {
+        RecordsTrans trans(&q.table);
+        for (int id : ids) {
+            RecordUpdater updater(&trans, q.find(id));
+            if (id % 2) { // a new key; every third withdrawn, a half of those back below
+                updater.insertInMap(q.row(id, { "new", 0, 1 }));
+            } else {
+                updater.updateInMap();
+                updater.setValue(Qty, 2);
+            }
+            if (id % 3 == 0)
+                updater.remove();
+            if (id % 6 == 0)
+                RecordUpdater(&trans).insertInMap(q.row(id, { "new", 0, 1 }));
+        }
+        for (int id = 3; id < 6000; id += 12)
+            RecordUpdater(&trans).insertInMap(q.row(id, { "new", 0, 1 }));
+        for (int id = 0; id < 6000; ++id) {
+            const int list = id % 2 ? (id % 3 == 0 && id % 12 != 3 ? -1 : 0) : (id % 3 ? 2 : 1);
+            if (list >= 0)
+                expected[list] << id;
+        }
+        const QList<Record> lists[]
+            = { trans.insertList(), trans.removeList(), trans.updateList(), trans.changeList() };
+        for (int i = 0; i < 4; ++i) {
+            QList<int> listed;
+            for (const Record &row : lists[i])
+                listed << row.data(Id).get<qint32>();
+            QCOMPARE(listed, expected[qMin(i, 2)]);
+        }
+    }
+    q.table.endUpdate();
+    QCOMPARE(q.table.rowCount(), 3000 + expected[0].size() - expected[1].size());
+    QCOMPARE(q.find(4).data(Qty).get<qint32>(), 2);
     QVERIFY_INDEXES(&q.table);
 }
 

@@ -313,7 +313,8 @@ public:
     static void convertDefs(const QList<FieldDefConvertor *> &list, unsigned char *dst,
                             unsigned char *src);
 
-    // Bytes held by the table's rows (rowSize x rows of the master index) and
+    // Bytes held by the table's rows (each row block as the heap allocates it:
+    // rowSize plus the allocator's header, rounded to its granule) and
     // by the record lists of its indexes (the master index and the listed
     // ones): list indexes report their parts' capacity (IndexList::memoryUsage);
     // other iterable indexes are estimated from their row count as if filled by

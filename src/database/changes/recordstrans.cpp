@@ -8,19 +8,102 @@
 
 #include <QDebug>
 
+#include <cstdlib>
 #include <new>
+#include <vector>
+
+// Fixed-size slots carved from blocks of about 64 KiB, with a free list for the
+// slots of erased entries. The slot size is that of the first request (both
+// maps have one node type); a request of another size goes to the heap.
+// Invariant: every slot handed out and not given back lies in `blocks`; the
+// blocks are freed only by release(), when no slot is in use.
+class RecordsTrans::NodePool
+{
+public:
+    NodePool() = default;
+    ~NodePool() { release(); }
+
+    void *allocate(std::size_t bytes)
+    {
+        if (m_slot == 0)
+            m_slot = qMax(roundUp(bytes), roundUp(sizeof(FreeSlot)));
+        if (roundUp(bytes) != m_slot)
+            return ::operator new(bytes);
+        ++m_used;
+        if (FreeSlot *slot = m_free) {
+            m_free = slot->next;
+            return slot;
+        }
+        if (m_next == m_end) {
+            auto *block = static_cast<char *>(std::malloc(BlockBytes));
+            if (!block) {
+                --m_used;
+                throw std::bad_alloc();
+            }
+            m_blocks.push_back(block);
+            m_next = block;
+            m_end = block + BlockBytes / m_slot * m_slot;
+        }
+        void *slot = m_next;
+        m_next += m_slot;
+        return slot;
+    }
+    void deallocate(void *node, std::size_t bytes) noexcept
+    {
+        if (roundUp(bytes) != m_slot) {
+            ::operator delete(node);
+            return;
+        }
+        m_free = new (node) FreeSlot { m_free };
+        --m_used;
+    }
+    // Frees every block. REQUIRES: no slot in use (both maps empty).
+    void release() noexcept
+    {
+        Q_ASSERT(m_used == 0);
+        for (char *block : m_blocks)
+            std::free(block);
+        m_blocks.clear();
+        m_blocks.shrink_to_fit();
+        m_free = nullptr;
+        m_next = m_end = nullptr;
+    }
+
+private:
+    struct FreeSlot
+    {
+        FreeSlot *next;
+    };
+    // Less than a power of two, so that the heap's own header fits in 64 KiB.
+    static constexpr std::size_t BlockBytes = 65536 - 64;
+    static std::size_t roundUp(std::size_t bytes)
+    {
+        return (bytes + alignof(std::max_align_t) - 1) & ~(alignof(std::max_align_t) - 1);
+    }
+
+    std::vector<char *> m_blocks;
+    FreeSlot *m_free = nullptr;
+    char *m_next = nullptr;
+    char *m_end = nullptr;
+    std::size_t m_slot = 0;
+    qint64 m_used = 0;
+};
 
 class RecordsTransPrivate
 {
 public:
     explicit RecordsTransPrivate(Table *table)
         : first(table ? table->columnCount() : 0)
+        , operations(RecordsTrans::NodeAllocator<RecordsTrans::OpMap::value_type>(&pool))
+        , changes(operations.get_allocator())
         , table(table)
     {
     }
 
     int first;
     int last = -1;
+    // Before the maps: they give their nodes back to it when destroyed.
+    RecordsTrans::NodePool pool;
     RecordsTrans::OpMap operations;
     RecordsTrans::OpMap changes;
     Table *table;
@@ -72,6 +155,16 @@ Record cloneOrThrow(const Record &record)
 } // namespace
 
 // --- RecordsTrans ------------------------------------------------------------------
+
+void *RecordsTrans::allocateNode(NodePool *pool, std::size_t bytes)
+{
+    return pool->allocate(bytes);
+}
+
+void RecordsTrans::deallocateNode(NodePool *pool, void *node, std::size_t bytes) noexcept
+{
+    pool->deallocate(node, bytes);
+}
 
 bool RecordsTrans::MapKey::operator<(const MapKey &other) const
 {
@@ -166,11 +259,12 @@ void RecordsTrans::execute()
 
     // The lists now hold the rows; the maps' references go with them.
     {
-        OpMap operations;
-        OpMap changes;
+        OpMap operations(d->operations.get_allocator());
+        OpMap changes(d->operations.get_allocator());
         operations.swap(d->operations);
         changes.swap(d->changes);
     }
+    d->pool.release();
 
     if (Index *named = d->table->namedIndex(QStringLiteral("IndexLimit"))) {
         if (auto *limit = dynamic_cast<IndexLimit *>(named))
@@ -245,8 +339,13 @@ void RecordUpdater::insertInMap(const Record &record)
     }
     // The row handling stays literal (a second row with that key arrives), but
     // a new user who meant an update gets told what happened and what to do.
+    // A key past the table's last one (ids arriving in ascending order) needs
+    // no search to know that it is new.
     const Table *table = m_trans->d->table;
-    if (table->masterIndex()->search(record, -1) != -1)
+    const MasterIndex *master = table->masterIndex();
+    const int rows = master->count();
+    const bool pastLast = rows == 0 || master->compare(master->at(rows - 1), record) < 0;
+    if (!pastLast && master->search(record, -1) != -1)
         qWarning("RecordUpdater::insertInMap: table '%s' already holds a row with key '%s'; "
                  "the batch adds a second row with that key. To change the existing row, "
                  "find it (Record(table, key)) and call updateInMap() instead",

@@ -1236,8 +1236,16 @@ qint64 TableIO::memoryUsage(const Table *table)
 {
     if (!table)
         return 0;
+    // What the heap takes for one block of `size` bytes: the size plus the
+    // size word in front, rounded up to the 16-byte granule, at least 32 bytes
+    // (the 64-bit glibc allocator's chunk).
+    const auto heapBytes = [](qint64 size) {
+        const qint64 word = qint64(sizeof(size_t));
+        const qint64 granule = 2 * word;
+        return qMax(4 * word, (size + word + granule - 1) / granule * granule);
+    };
     const MasterIndex *master = table->masterIndex();
-    qint64 bytes = master ? qint64(table->rowSize()) * master->count() + indexBytes(master) : 0;
+    qint64 bytes = master ? heapBytes(table->rowSize()) * master->count() + indexBytes(master) : 0;
     for (const Index *index : table->indexes())
         bytes += indexBytes(index);
     return bytes;

@@ -13,6 +13,7 @@
 #include <QSet>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -162,9 +163,12 @@ int Table::rowSize() const
 
 // --- row primitives --------------------------------------------------------------
 
+// Row blocks come straight from malloc, whose blocks are aligned for any cell
+// (an aligned-allocation wrapper would add a pointer to every row), and go back
+// with free(); TableIO::memoryUsage counts them at the heap's chunk size.
 unsigned char *Table::allocRow() const
 {
-    auto *row = static_cast<unsigned char *>(qMallocAligned(size_t(d->rowSize), 8));
+    auto *row = static_cast<unsigned char *>(std::malloc(size_t(d->rowSize)));
     if (row)
         initRow(row);
     return row;
@@ -182,7 +186,7 @@ void Table::initRow(unsigned char *row) const
 
 unsigned char *Table::cloneRow(const unsigned char *row) const
 {
-    auto *copy = static_cast<unsigned char *>(qMallocAligned(size_t(d->rowSize), 8));
+    auto *copy = static_cast<unsigned char *>(std::malloc(size_t(d->rowSize)));
     if (!copy)
         return nullptr;
     std::memcpy(copy, row, size_t(d->rowSize));
@@ -217,7 +221,7 @@ void Table::copyRowContent(unsigned char *dst, const unsigned char *src, int fir
 
 void Table::freeRow(unsigned char *row) const
 {
-    qFreeAligned(row);
+    std::free(row);
 }
 
 Field Table::dataPtr(const unsigned char *row, int column) const
@@ -301,8 +305,7 @@ void Table::addColumns(const QList<TableColumnDef> &sources)
         const int left = record.releaseWithoutFree();
         if (left != 0)
             qDebug() << "Table::addColumn : Ref count in realloc is " << left;
-        row = static_cast<unsigned char *>(
-            qReallocAligned(row, size_t(newRowSize), size_t(d->rowSize), 8));
+        row = static_cast<unsigned char *>(std::realloc(row, size_t(newRowSize)));
         if (!row)
             qFatal("Table::addColumn: out of memory while re-laying rows");
         const int oldFlagBytes = flagBytes(oldColumnCount);
