@@ -107,7 +107,7 @@ struct Library
         table.addColumn(QStringLiteral("qty"), FieldType::Double);
         table.addColumn(QStringLiteral("side"), FieldType::Integer);
         table.addColumn(QStringLiteral("symbol"), FieldType::VarChar, 8);
-        table.setMasterIndex(new MasterIndex_Column_Pure(&table, QStringLiteral("id")));
+        table.setMasterIndex(new MasterIndex_Integer(&table, QStringLiteral("id")));
         byPrice.reset(new IndexSortColumns(&table, QStringLiteral("price")));
         byTs.reset(new IndexSortColumns(&table, QStringLiteral("ts")));
         key = Record(&table);
