@@ -36,7 +36,7 @@
 // previous one. Ranges shorter than 512 elements are sorted on the calling
 // thread alone.
 //
-// Relocatable elements (QTypeInfo<T>::isRelocatable, as Record is): the
+// Relocatable elements (those Qt declares relocatable, as Record is): the
 // elements are moved out of the range once, bit for bit, into a contiguous
 // array, sorted there and moved back, so that no handle is copied or
 // destroyed on the way (no reference-count traffic) and the merges run over

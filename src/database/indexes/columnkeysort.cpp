@@ -11,7 +11,6 @@ namespace {
 
 const quint64 kSignBit = quint64(1) << 63;
 const quint64 kDecimalScaleBits = quint64(0x7f) << 56;
-const quint64 kDecimalMantissaBits = (quint64(1) << 56) - 1;
 
 template <typename T> T cellValue(const unsigned char *row, const TableColumnDef *column)
 {

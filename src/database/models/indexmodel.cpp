@@ -96,7 +96,7 @@ private:
 // Watches the original index while the model shows its header-sort index,
 // which reads that index's filter(): when the original goes, so does the
 // model's content.
-class SourceWatch : public IndexObserver
+class SourceWatch final : public IndexObserver
 {
 public:
     explicit SourceWatch(IndexModel *model)
