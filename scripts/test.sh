@@ -38,6 +38,10 @@ if [ -f fuzz/CMakeLists.txt ]; then
         -DDATABASE_BUILD_FUZZ=ON -DDATABASE_BUILD_TESTS=OFF -DDATABASE_BUILD_TOOLS=OFF \
         -DDATABASE_SANITIZE=fuzzer-no-link,address,undefined >/dev/null
     cmake --build build/fuzz -j"$jobs"
+    # A finding prints its report and leaves the input in build/fuzz/artifacts;
+    # it belongs in the target's corpus as regression data once fixed.
+    artifacts=build/fuzz/artifacts
+    mkdir -p "$artifacts"
     for target in build/fuzz/fuzz/fuzz_*; do
         [ -f "$target" ] && [ -x "$target" ] || continue
         name=$(basename "$target")
@@ -45,9 +49,16 @@ if [ -f fuzz/CMakeLists.txt ]; then
         work=$(mktemp -d)
         cp -r "$corpus"/. "$work"/ 2>/dev/null || true
         echo "-- $name"
+        status=0
         "$target" -max_total_time="${FUZZ_SECONDS:-30}" -rss_limit_mb=2048 -print_final_stats=0 \
-                  "$work" 2>&1 | tail -n 2
-        rm -rf "$work"
+                  -artifact_prefix="$artifacts/$name-" "$work" >"$work.log" 2>&1 || status=$?
+        if [ "$status" -ne 0 ]; then
+            tail -n 80 "$work.log"
+            rm -rf "$work" "$work.log"
+            exit "$status"
+        fi
+        tail -n 2 "$work.log"
+        rm -rf "$work" "$work.log"
     done
 fi
 

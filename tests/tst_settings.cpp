@@ -5,6 +5,7 @@
 #include "testsupport.h"
 
 #include <QColor>
+#include <QFont>
 #include <QKeySequence>
 #include <QtTest>
 
@@ -268,6 +269,9 @@ void tst_Settings::keepsWhatJsonCannotHold()
     qRegisterMetaTypeStreamOperators<Streamable>("Streamable");
     QMetaType::registerEqualsComparator<Streamable>();
     QByteArray geometry("\x01\xd9\xd0\xcb\x00\x03\x00\x00\xff\xfe", 10);
+    QFont font(QStringLiteral("Mono"), 11);
+    font.setStyleName(QStringLiteral("Bold"));
+    font.setFamilies({ QStringLiteral("Mono"), QStringLiteral("Courier") });
     const QSettings::SettingsMap written {
         { "window", 640 },
         { "window/height", 480 },
@@ -295,6 +299,7 @@ void tst_Settings::keepsWhatJsonCannotHold()
         { "date", QDate(2026, 2, 3) },
         { "color", QColor(10, 20, 30, 40) },
         { "keys", QKeySequence(Qt::CTRL + Qt::Key_S) },
+        { "font", font },
         { "own type", QVariant::fromValue(Streamable { 42 }) },
     };
     const QSettings::SettingsMap read = roundTrip(written);

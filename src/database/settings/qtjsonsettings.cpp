@@ -6,6 +6,7 @@
 #include <QDateTime>
 #include <QFile>
 #include <QFileInfo>
+#include <QFont>
 #include <QHash>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -17,6 +18,7 @@
 #include <QRect>
 #include <QSaveFile>
 #include <QSize>
+#include <QtEndian>
 
 #include <algorithm>
 #include <cmath>
@@ -52,8 +54,9 @@ constexpr QDataStream::Version StreamVersion = QDataStream::Qt_5_15;
 
 // Types kept as "@Variant(base64)" besides the application's own streamable
 // types: their stream form is small and bounded by the text that holds it
-// (types such as images or polygons could make a short text allocate
-// gigabytes, so they are refused).
+// (a font's family list is checked before Qt reads it; types such as images
+// or polygons could make a short text allocate gigabytes, so they are
+// refused).
 bool streamedType(int type)
 {
     switch (type) {
@@ -96,6 +99,53 @@ QString streamed(const QVariant &value)
     return out.status() == QDataStream::Ok ? QString::fromLatin1(bytes.toBase64()) : QString();
 }
 
+// Moves 'at' past a QString of the stream form when the bytes hold all of it.
+bool skipStreamedString(const QByteArray &bytes, int &at)
+{
+    if (bytes.size() - at < 4)
+        return false;
+    const quint32 length = qFromBigEndian<quint32>(bytes.constData() + at);
+    at += 4;
+    if (length == 0xffffffffu) // a null string
+        return true;
+    if (length % 2 != 0 || length > quint32(bytes.size() - at))
+        return false;
+    at += int(length);
+    return true;
+}
+
+// QtGui 5.15 reads a font's family list with QList::reserve(count), the count
+// taken from the stream unchecked, so one damaged count asks for gigabytes
+// before any family is read. A font streams as its family, its style name,
+// fixed-size fields and then the family list; the list must lie inside the
+// bytes before Qt may read it. The size of the fixed fields is learned once
+// from a font with no names at all.
+bool fontStreamIsBounded(const QByteArray &bytes, int at)
+{
+    static const int fixedBytes = [] {
+        QFont font;
+        font.setFamily(QString());
+        font.setStyleName(QString());
+        font.setFamilies(QStringList());
+        QByteArray probe;
+        QDataStream out(&probe, QIODevice::WriteOnly);
+        out.setVersion(StreamVersion);
+        out << font;
+        return probe.size() - 3 * 4; // two null strings and an empty list
+    }();
+    if (!skipStreamedString(bytes, at) || !skipStreamedString(bytes, at)
+        || bytes.size() - at < fixedBytes + 4)
+        return false;
+    at += fixedBytes;
+    const quint32 families = qFromBigEndian<quint32>(bytes.constData() + at);
+    at += 4;
+    for (quint32 i = 0; i < families; ++i) {
+        if (!skipStreamedString(bytes, at))
+            return false;
+    }
+    return at == bytes.size();
+}
+
 QVariant unstreamed(const QStringRef &payload)
 {
     const auto decoded = QByteArray::fromBase64Encoding(payload.toLatin1(),
@@ -115,6 +165,9 @@ QVariant unstreamed(const QStringRef &payload)
     }
     if (peek.status() != QDataStream::Ok || !streamedType(int(type))
         || !QMetaType::isRegistered(int(type)))
+        return QVariant();
+    if (type == QMetaType::QFont
+        && !fontStreamIsBounded(decoded.decoded, int(peek.device()->pos())))
         return QVariant();
     QDataStream in(decoded.decoded);
     in.setVersion(StreamVersion);
