@@ -281,16 +281,18 @@ public:
     }
 
     // The first position in [from, count()) holding an element == `value`, or
-    // -1. Every `stride` elements passed over, `giveUp(element)` may end the
-    // walk (-1). Walks the parts' arrays directly, so a long walk costs a
-    // comparison per element and nothing per position.
+    // -1. After `firstCheck` elements passed over, and again each time that
+    // number doubles, `giveUp(element)` may end the walk (-1). Walks the
+    // parts' arrays directly, so a long walk costs a comparison per element
+    // and nothing per position.
     template <typename GiveUp>
-    int indexOfFrom(int from, const T &value, int stride, GiveUp giveUp) const
+    int indexOfFrom(int from, const T &value, int firstCheck, GiveUp giveUp) const
     {
         from = std::max(from, 0);
         if (from >= m_count)
             return -1;
         int passed = 0;
+        qint64 check = std::max(firstCheck, 1);
         const int lastSlot = m_parts.size() - 1;
         const int firstSlot = slotAt(from);
         for (int slot = firstSlot; slot < lastSlot; ++slot) {
@@ -300,8 +302,11 @@ public:
             for (int i = begin; i < part->m_count; ++i) {
                 if (items[i] == value)
                     return m_starts[slot] + i;
-                if (++passed % stride == 0 && giveUp(items[i]))
-                    return -1;
+                if (++passed == check) {
+                    if (giveUp(items[i]))
+                        return -1;
+                    check *= 2;
+                }
             }
         }
         return -1;

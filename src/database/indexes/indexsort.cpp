@@ -259,16 +259,19 @@ QVector<int> IndexSort::indexOfs(const QList<Record> &wanted) const
     const PartitionList<Record> &list = records();
     QVector<int> result(wanted.size(), -1);
     const QVector<int> lower = bounds(wanted, false);
-    // Among the equal keys, by identity: handles are compared as pointers,
-    // and the key only every `stride` rows to notice the end of the run, so
-    // that a long run of equal keys costs a walk through contiguous handles
-    // rather than a second search.
-    constexpr int stride = 64;
+    // Among the equal keys, by identity: handles are compared as pointers, so
+    // that a run of equal keys costs a walk through contiguous handles rather
+    // than a second search. The identity settles the position wherever the
+    // walk meets the row; the key is read only after `firstCheck` rows and at
+    // doubling distances, to end the walk of a row that is not in its run
+    // (each read is a row fetched from memory, and runs of a few hundred
+    // equal keys are common).
+    constexpr int firstCheck = 1024;
     for (int i = 0; i < wanted.size(); ++i) {
         const Record &record = wanted.at(i);
         if (!record.isNull())
             result[i] = list.indexOfFrom(
-                lower.at(i), record, stride,
+                lower.at(i), record, firstCheck,
                 [this, &record](const Record &element) { return compare(element, record) != 0; });
     }
     // Rows not found among their equal keys, to be found by one scan.
@@ -478,7 +481,19 @@ QVector<bool> IndexSort::staying(const QList<Record> &updated, const QVector<int
     QVector<bool> stays(updated.size(), false);
     QList<Record> candidates;
     QVector<int> candidateOf;
+    // The neighbours' rows of a group are fetched before any is compared, so
+    // that the group waits for memory about once rather than twice per row.
+    constexpr int group = 64;
     for (int i = 0; i < updated.size(); ++i) {
+        if (i % group == 0) {
+            for (int j = i; j < std::min(i + group, updated.size()); ++j) {
+                const int position = positions.at(offset + j);
+                if (position > 0 && position <= list.count())
+                    __builtin_prefetch(list.at(position - 1).row());
+                if (position >= 0 && position + 1 < list.count())
+                    __builtin_prefetch(list.at(position + 1).row());
+            }
+        }
         const int position = positions.at(offset + i);
         const Record &record = updated.at(i);
         if (position < 0 || !filter(record))
