@@ -1,15 +1,18 @@
 #ifndef TESTS_TESTSUPPORT_H
 #define TESTS_TESTSUPPORT_H
 
-// Helpers shared by the test programs: a device that fails on demand, an
-// outside program run with a bounded wait, the table's lock taken from another
-// thread with a bounded wait, and an index that records what it is told.
+// Helpers shared by the test programs: a device that fails on demand, a table
+// file saved to and loaded from memory, an outside program run with a bounded
+// wait, the table's lock taken from another thread with a bounded wait, and an
+// index that records what it is told.
 
 #include <database/index.h>
 #include <database/record.h>
 #include <database/table.h>
+#include <database/tableio.h>
 
 #include <QBuffer>
+#include <QDataStream>
 #include <QProcess>
 #include <QStringList>
 
@@ -59,6 +62,21 @@ private:
         return -1;
     }
 };
+
+// The table's file as bytes (empty when the save fails), and a load of such
+// bytes; addColumns as in TableIO::read.
+inline QByteArray savedBytes(Table &table, bool withRows = true)
+{
+    QByteArray bytes;
+    QDataStream out(&bytes, QIODevice::WriteOnly);
+    return TableIO(&table).write(out, withRows) ? bytes : QByteArray();
+}
+
+inline bool loadBytes(Table &table, const QByteArray &bytes, bool addColumns = false)
+{
+    QDataStream in(bytes);
+    return TableIO(&table).read(in, addColumns);
+}
 
 struct ProgramRun
 {
