@@ -6,6 +6,7 @@
 #include <database/database.h>
 
 #include "indexchecker.h"
+#include "testsupport.h"
 
 #include <QtTest>
 
@@ -102,7 +103,6 @@ class tst_TableFilesDamage : public QObject
 private slots:
     void damagedFileLeavesTableAsItWas_data();
     void damagedFileLeavesTableAsItWas();
-    void concatenatedGzipMembers();
     void limitsAndMemory();
     void tableWithoutPrimaryKey();
     void fileOfMostColumns();
@@ -155,28 +155,6 @@ void tst_TableFilesDamage::damagedFileLeavesTableAsItWas()
     QVERIFY_INDEXES(table.get());
 }
 
-void tst_TableFilesDamage::concatenatedGzipMembers()
-{
-    QTemporaryDir tmp;
-    auto source = prices(30);
-    const QByteArray gzip = fileOf(*source, true);
-    // The same stream cut into two members: compress the plain bytes in halves.
-    const QByteArray plain = fileOf(*source, false);
-    QByteArray twoMembers;
-    for (const QByteArray &half : { plain.left(100), plain.mid(100) }) {
-        QBuffer out(&twoMembers);
-        out.open(QIODevice::Append);
-        DeflateDevice compressor(&out);
-        compressor.setStreamFormat(DeflateDevice::GzipFormat);
-        QVERIFY(compressor.open(QIODevice::WriteOnly));
-        compressor.write(half);
-        compressor.close();
-    }
-    auto target = prices(0);
-    QVERIFY(loadFile(*target, QDir(tmp.path()), twoMembers, true));
-    QCOMPARE(contentOf(*target), contentOf(*source));
-}
-
 void tst_TableFilesDamage::limitsAndMemory()
 {
     QTemporaryDir tmp;
@@ -217,23 +195,15 @@ void tst_TableFilesDamage::limitsAndMemory()
 void tst_TableFilesDamage::tableWithoutPrimaryKey()
 {
     auto source = prices(5);
-    QByteArray bytes;
-    QDataStream out(&bytes, QIODevice::WriteOnly);
-    QVERIFY(TableIO(source.get()).write(out, true));
-
     // The table takes the file's primary key and its rows.
     auto bare = prices(0, false);
-    QDataStream in(bytes);
-    QVERIFY(TableIO(bare.get()).read(in, false));
+    QVERIFY(TestSupport::loadBytes(*bare, TestSupport::savedBytes(*source)));
     QVERIFY(bare->masterIndex());
     QCOMPARE(bare->masterIndex()->columnNames(), QStringList { "id" });
     QCOMPARE(contentOf(*bare), contentOf(*source));
 
     // A file that names no key cannot give one: refused, nothing dropped silently.
-    auto keyless = prices(0, false);
-    QByteArray noKey;
-    QDataStream keylessOut(&noKey, QIODevice::WriteOnly);
-    QVERIFY(TableIO(keyless.get()).write(keylessOut, true));
+    const QByteArray noKey = TestSupport::savedBytes(*prices(0, false));
     auto target = prices(0, false);
     QDataStream keylessIn(noKey);
     TableIO io(target.get());
@@ -260,13 +230,8 @@ void tst_TableFilesDamage::fileOfMostColumns()
     unsigned char *row = wide.allocRow();
     wide.dataPtr(row, 32766).set<qint32>(42);
     wide.appendRow(row);
-    QByteArray bytes;
-    QDataStream out(&bytes, QIODevice::WriteOnly);
-    QVERIFY(TableIO(&wide).write(out, true));
-
     Table target(QStringLiteral("wide"));
-    QDataStream in(bytes);
-    QVERIFY(TableIO(&target).read(in, true));
+    QVERIFY(TestSupport::loadBytes(target, TestSupport::savedBytes(wide), true));
     QCOMPARE(target.columnCount(), 32767);
     QCOMPARE(target.masterIndex()->begin()->data(32766).get<qint32>(), 42);
 }

@@ -18,7 +18,6 @@
 // Corrupts a valid header before a load.
 using HeaderEdit = void (*)(TableIO::TableHeader &header);
 Q_DECLARE_METATYPE(HeaderEdit)
-Q_DECLARE_METATYPE(TableIO::Compression)
 
 namespace {
 
@@ -62,15 +61,9 @@ QStringList rowTexts(const Table &table)
     return texts;
 }
 
-QByteArray save(Table &table, bool withRows = true)
-{
-    QByteArray bytes;
-    QDataStream stream(&bytes, QIODevice::WriteOnly);
-    TableIO(&table).write(stream, withRows);
-    return bytes;
-}
-
+using TestSupport::loadBytes;
 using TestSupport::RecordingIndex;
+using TestSupport::savedBytes;
 
 class RefuseAll : public FilterProgressTrue
 {
@@ -105,8 +98,6 @@ private Q_SLOTS:
     void headerLayout_data();
     void headerLayout();
     void filesOnDisk();
-    void perCallCompression_data();
-    void perCallCompression();
     void hostileInput_data();
     void hostileInput();
     void faultyDevices();
@@ -129,8 +120,9 @@ void TestTableIO::fileRoundTrip_data()
     }
 }
 
-// Saves both forms, the wanted one last (only it remains), loads it back, and
-// has gzip(1) and the independent reader confirm the bytes.
+// Saves the other form by a per-call choice against the host's switch (which
+// stays as it was), then the wanted one by the switch: only the last remains.
+// Loads it back and has gzip(1) and the independent reader confirm the bytes.
 void TestTableIO::fileRoundTrip()
 {
     QFETCH(int, form);
@@ -140,9 +132,9 @@ void TestTableIO::fileRoundTrip()
     auto source = quotes("quotes", rows);
     TableIO writer(source.get());
     const bool gzip = form == Compressed;
-    DefaultCore::global()->setCompressTableFiles(!gzip);
-    QVERIFY(writer.write(dir));
     DefaultCore::global()->setCompressTableFiles(gzip);
+    QVERIFY(writer.write(dir, gzip ? TableIO::Compression::Plain : TableIO::Compression::Gzip));
+    QCOMPARE(DefaultCore::global()->compressTableFiles(), gzip);
     QVERIFY2(writer.write(dir), qPrintable(writer.errorString()));
     QCOMPARE(QFile::exists(writer.fileName(dir)), !gzip);
     QCOMPARE(QFile::exists(writer.compressedFileName(dir)), gzip);
@@ -161,7 +153,7 @@ void TestTableIO::fileRoundTrip()
     if (gzip) {
         RUN_TOOL(out, "gzip", "-t", path);
         RUN_TOOL(out, "gzip", "-dc", path);
-        QCOMPARE(out, save(*source));
+        QCOMPARE(out, savedBytes(*source));
     }
     RUN_TOOL(out, "python3", QStringLiteral(TESTS_SOURCE_DIR "/read_tablefile.py"), path);
     const QJsonObject file = QJsonDocument::fromJson(out).object();
@@ -206,8 +198,8 @@ void TestTableIO::headerLayout()
         table.dataPtr(row, 0).set<qint32>(0x01020304 + i);
         table.appendRow(row);
     }
-    const QByteArray bare = save(table, false);
-    const QByteArray full = save(table);
+    const QByteArray bare = savedBytes(table, false);
+    const QByteArray full = savedBytes(table);
     auto hex = [](int value, int digits) {
         return QByteArray::number(value, 16).rightJustified(digits, '0');
     };
@@ -240,7 +232,7 @@ void TestTableIO::filesOnDisk()
 
     QVERIFY(dir.rmdir("quotes"));
     QFile plain(io.fileName(dir));
-    QVERIFY(plain.open(QIODevice::WriteOnly) && plain.write(save(*three)) > 0);
+    QVERIFY(plain.open(QIODevice::WriteOnly) && plain.write(savedBytes(*three)) > 0);
     plain.close();
     QVERIFY(io.read(dir, false));
     QCOMPARE(target->rowCount(), 3);
@@ -249,43 +241,6 @@ void TestTableIO::filesOnDisk()
     QTest::ignoreMessage(QtWarningMsg, QRegularExpression("No table file"));
     QVERIFY(!io.read(QDir(empty.path()), false));
     QCOMPARE(target->rowCount(), 3);
-}
-
-// A save may choose its form; without a choice the host's switch decides.
-// Either way the other form is replaced and the switch is left as it was.
-void TestTableIO::perCallCompression_data()
-{
-    QTest::addColumn<bool>("hostSwitch");
-    QTest::addColumn<TableIO::Compression>("choice");
-    QTest::addColumn<bool>("gzip");
-    QTest::newRow("host off, no choice") << false << TableIO::Compression::HostDefault << false;
-    QTest::newRow("host on, no choice") << true << TableIO::Compression::HostDefault << true;
-    QTest::newRow("host off, gzip") << false << TableIO::Compression::Gzip << true;
-    QTest::newRow("host on, plain") << true << TableIO::Compression::Plain << false;
-}
-
-void TestTableIO::perCallCompression()
-{
-    QFETCH(bool, hostSwitch);
-    QFETCH(TableIO::Compression, choice);
-    QFETCH(bool, gzip);
-    QTemporaryDir tmp;
-    const QDir dir(tmp.path());
-    auto table = quotes("quotes", 5);
-    TableIO io(table.get());
-    QVERIFY(io.write(dir, gzip ? TableIO::Compression::Plain : TableIO::Compression::Gzip));
-
-    DefaultCore::global()->setCompressTableFiles(hostSwitch);
-    QVERIFY(io.write(dir, choice));
-    QCOMPARE(DefaultCore::global()->compressTableFiles(), hostSwitch);
-    QCOMPARE(QFile::exists(io.compressedFileName(dir)), gzip);
-    QCOMPARE(QFile::exists(io.fileName(dir)), !gzip);
-    QFile file(gzip ? io.compressedFileName(dir) : io.fileName(dir));
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QCOMPARE(file.read(2) == QByteArray("\x1f\x8b"), gzip);
-    auto loaded = quotes("quotes", 0);
-    QVERIFY(TableIO(loaded.get()).read(dir, false));
-    QCOMPARE(rowTexts(*loaded), rowTexts(*table));
 }
 
 void TestTableIO::hostileInput_data()
@@ -326,7 +281,7 @@ void TestTableIO::hostileInput()
     auto source = quotes("quotes", 2);
     TableIO::TableHeader header;
     TableIO::setupHeader(header, source.get());
-    const QByteArray rows = save(*source).mid(save(*source, false).size());
+    const QByteArray rows = savedBytes(*source).mid(savedBytes(*source, false).size());
     edit(header);
     QByteArray bytes;
     QDataStream out(&bytes, QIODevice::WriteOnly);
@@ -336,10 +291,9 @@ void TestTableIO::hostileInput()
     bytes += rows;
 
     auto target = quotes("quotes", 4);
-    QDataStream in(bytes);
     if (!error.isEmpty())
         QTest::ignoreMessage(QtWarningMsg, QRegularExpression("TableIO: .*" + error));
-    QCOMPARE(TableIO(target.get()).read(in, true), error.isEmpty());
+    QCOMPARE(loadBytes(*target, bytes, true), error.isEmpty());
     QCOMPARE(target->rowCount(), rowsLoaded);
     QVERIFY_INDEXES(target.get());
 }
@@ -350,7 +304,7 @@ void TestTableIO::hostileInput()
 void TestTableIO::faultyDevices()
 {
     auto table = quotes("quotes", 50);
-    const QByteArray bytes = save(*table);
+    const QByteArray bytes = savedBytes(*table);
     for (const qint64 limit : { qint64(10), qint64(bytes.size() - 10) }) {
         FaultyDevice sink, source;
         sink.limit = source.limit = limit;
@@ -377,7 +331,7 @@ void TestTableIO::faultyDevices()
 void TestTableIO::addColumnsAndFilters()
 {
     auto source = quotes("quotes", 4);
-    const QByteArray bytes = save(*source);
+    const QByteArray bytes = savedBytes(*source);
     auto makeTarget = [] {
         auto t = std::make_unique<Table>("quotes");
         t->addColumn("id", FieldType::Integer, 0, false);
@@ -385,8 +339,7 @@ void TestTableIO::addColumnsAndFilters()
         return t;
     };
     auto plain = makeTarget();
-    QDataStream s1(bytes);
-    QVERIFY(TableIO(plain.get()).read(s1, false));
+    QVERIFY(loadBytes(*plain, bytes));
     QCOMPARE(plain->columns(), QStringList { "id" });
     QCOMPARE(plain->rowCount(), 4);
 
@@ -417,8 +370,7 @@ void TestTableIO::batchesAndOneRebuild()
     RecordingIndex main, listed;
     testingSetMainIndex(&target, &main);
     target.addIndex(&listed);
-    QDataStream stream(save(*source));
-    QVERIFY(TableIO(&target).read(stream, false));
+    QVERIFY(loadBytes(target, savedBytes(*source)));
     QCOMPARE(main.batches, (QList<int> { 10240, 10240, 4520 }));
     QCOMPARE(main.rows.size(), 25000);
     QCOMPARE(listed.builds, 1);
@@ -484,7 +436,6 @@ void TestTableIO::conversions_data()
     };
     const int I = FieldType::Integer, L = FieldType::Integer64, D = FieldType::Double,
               M = FieldType::Decimal, S = FieldType::VarChar, T = FieldType::DateTime;
-    row("int to int64", I, 0, "-7", L, 0, "-7");
     row("int to decimal", I, 0, "12", M, 2, "12");
     row("int to text", I, 0, "123456", S, 4, "1234");
     row("int64 fits int", L, 0, "-2147483648", I, 0, "-2147483648");
@@ -495,13 +446,11 @@ void TestTableIO::conversions_data()
     row("whole double to int", D, 0, "42", I, 0, "42");
     row("fraction to int", D, 0, "4.5", I, 0, nullptr, 1);
     row("decimal to text", M, 2, "-1.25", S, 8, "-1.25");
-    row("whole decimal to int64", M, 2, "300.00", L, 0, "300");
     row("bad text to int", S, 8, "7x", I, 0, nullptr, 1);
     row("empty text to double", S, 8, "", D, 0, nullptr);
     row("text to decimal", S, 8, "3.50", M, 2, "3.50");
     row("text to datetime", S, 12, "2024-02-29", T, 0, "2024.02.29 00:00:00.000");
     row("shorter text", S, 8, "abcdef", S, 3, "abc");
-    row("decimal of new length", M, 2, "9.99", M, 6, "9.99");
     row("datetime to int64", T, 0, "1970.01.01 00:00:02.000", L, 0, "2000");
     row("null stays null", I, 0, nullptr, D, 0, nullptr);
 }
