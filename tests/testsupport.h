@@ -7,6 +7,7 @@
 // index that records what it is told.
 
 #include <database/index.h>
+#include <database/masterindex.h>
 #include <database/record.h>
 #include <database/table.h>
 #include <database/tableio.h>
@@ -62,6 +63,22 @@ private:
         return -1;
     }
 };
+
+// Every row as its cells' texts joined by '|' ("~" for a null cell), in master
+// order; no rows without a master index.
+inline QStringList rowTexts(const Table &table)
+{
+    QStringList texts;
+    if (!table.masterIndex())
+        return texts;
+    for (const Record &record : *table.masterIndex()) {
+        QStringList cells;
+        for (int c = 0; c < table.columnCount(); ++c)
+            cells << (record.data(c).isNull() ? QStringLiteral("~") : record.data(c).toString());
+        texts << cells.join('|');
+    }
+    return texts;
+}
 
 // The table's file as bytes (empty when the save fails), and a load of such
 // bytes; addColumns as in TableIO::read.

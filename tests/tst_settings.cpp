@@ -240,17 +240,9 @@ void tst_Settings::badFiles()
 void tst_Settings::deviceErrors()
 {
     Capture capture;
-    // QSettings never reads an empty file (it is an empty settings file), but
-    // the read function itself refuses an empty document.
-    QBuffer empty;
-    empty.open(QIODevice::ReadOnly);
-    QSettings::SettingsMap map;
-    QVERIFY(!QtJsonSettings::readJsonFile(empty, map));
-    QVERIFY(map.isEmpty());
     QBuffer readOnly;
     readOnly.open(QIODevice::ReadOnly);
     QVERIFY(!QtJsonSettings::writeJsonFile(readOnly, { { "a", 1 } }));
-    QCOMPARE(logged.first(), DebugReadError + QStringLiteral("QBuffer \nillegal value в строке 1"));
     QCOMPARE(logged.last(),
              QStringLiteral("QGuiLog/%1: Ошибка при записи настроек JSON").arg(QtWarningMsg));
 

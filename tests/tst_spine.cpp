@@ -298,18 +298,12 @@ void tst_Spine::dateTimeInAnyZone()
              QStringLiteral("29.03.2015 02:30:00.000"));
 }
 
-// The views besides the text form: variants, characters, shared strings.
+// The views besides the text form: variants, characters, board-list texts.
 void tst_Spine::otherViews()
 {
     FieldValue integer(FieldType::Integer, 0);
-    // Null cells: toChar gives the null character whatever the type.
-    QCOMPARE(integer.toChar(), QChar());
-    QCOMPARE(thrownText([&] { integer.asChar(); }), "String is null for QChar");
     integer.set(qint32(1234567));
     QCOMPARE(integer.toVariant(), QVariant(1234567));
-    QCOMPARE(thrownText([&] { integer.toChar(); }), "Incorrect type of field.");
-    QCOMPARE(thrownText([&] { integer.asSharedString(); }), "Incorrect type of field.");
-
     FieldValue one(FieldType::VarChar, 1), two(FieldType::VarChar, 2);
     one.field() = QStringLiteral("xyz");
     two.field() = QStringLiteral("xy");

@@ -13,6 +13,8 @@
 #include <cerrno>
 #include <memory>
 
+using TestSupport::rowTexts;
+
 namespace {
 
 // id (key), name, price; row i holds i, "r<i>", i / 8 (or 1 for all: rows of
@@ -33,19 +35,6 @@ std::unique_ptr<Table> prices(int rows, bool withKey = true, bool flat = false)
         table->appendRow(row);
     }
     return table;
-}
-
-// Every row as "id|name|price", in master order.
-QStringList contentOf(const Table &table)
-{
-    QStringList rows;
-    if (!table.masterIndex())
-        return rows;
-    for (const Record &record : IndexChecker::rowsOf(table.masterIndex()))
-        rows << QStringLiteral("%1|%2|%3")
-                    .arg(record.data(0).toString(), record.data(1).toString(),
-                         record.data(2).toString());
-    return rows;
 }
 
 QByteArray fileOf(Table &table, bool compressed)
@@ -144,13 +133,13 @@ void tst_TableFilesDamage::damagedFileLeavesTableAsItWas()
     ByPriceDown view(table.get());
     view.build();
     QVERIFY_INDEXES(table.get());
-    const QStringList before = contentOf(*table);
+    const QStringList before = rowTexts(*table);
     const std::vector<Record> order = IndexChecker::rowsOf(&view);
     QString message;
     QTest::ignoreMessage(QtWarningMsg, QRegularExpression("TableIO: .*" + error));
     QVERIFY(!loadFile(*table, QDir(tmp.path()), bytes, compressed, &message));
     QVERIFY2(message.contains(error), qPrintable(message));
-    QCOMPARE(contentOf(*table), before);
+    QCOMPARE(rowTexts(*table), before);
     QVERIFY(IndexChecker::rowsOf(&view) == order);
     QVERIFY_INDEXES(table.get());
 }
@@ -161,7 +150,7 @@ void tst_TableFilesDamage::limitsAndMemory()
     auto source = prices(50);
     const QByteArray plain = fileOf(*source, false);
     auto table = prices(3);
-    const QStringList before = contentOf(*table);
+    const QStringList before = rowTexts(*table);
     TableIO io(table.get());
     QFile file(io.fileName(QDir(tmp.path())));
     QVERIFY(file.open(QIODevice::WriteOnly) && file.write(plain) == plain.size());
@@ -178,7 +167,7 @@ void tst_TableFilesDamage::limitsAndMemory()
     io.setLoadLimits(limits);
     QTest::ignoreMessage(QtWarningMsg, QRegularExpression("more than the limit of 1000"));
     QVERIFY(!io.read(QDir(tmp.path()), false));
-    QCOMPARE(contentOf(*table), before);
+    QCOMPARE(rowTexts(*table), before);
 
     // Memory running out in the middle of the rows is a failed load.
     io.setLoadLimits(TableIO::LoadLimits());
@@ -187,9 +176,9 @@ void tst_TableFilesDamage::limitsAndMemory()
     const bool loaded = io.read(QDir(tmp.path()), false);
     TableIO::testingFailAllocationAfter(-1);
     QVERIFY(!loaded);
-    QCOMPARE(contentOf(*table), before);
+    QCOMPARE(rowTexts(*table), before);
     QVERIFY(io.read(QDir(tmp.path()), false));
-    QCOMPARE(contentOf(*table), contentOf(*source));
+    QCOMPARE(rowTexts(*table), rowTexts(*source));
 }
 
 void tst_TableFilesDamage::tableWithoutPrimaryKey()
@@ -200,7 +189,7 @@ void tst_TableFilesDamage::tableWithoutPrimaryKey()
     QVERIFY(TestSupport::loadBytes(*bare, TestSupport::savedBytes(*source)));
     QVERIFY(bare->masterIndex());
     QCOMPARE(bare->masterIndex()->columnNames(), QStringList { "id" });
-    QCOMPARE(contentOf(*bare), contentOf(*source));
+    QCOMPARE(rowTexts(*bare), rowTexts(*source));
 
     // A file that names no key cannot give one: refused, nothing dropped silently.
     const QByteArray noKey = TestSupport::savedBytes(*prices(0, false));
@@ -252,7 +241,7 @@ void tst_TableFilesDamage::failingSyncFailsTheSave()
     QVERIFY(io.errorString().contains(QString::fromLocal8Bit(strerror(EIO))));
     auto check = prices(0);
     QVERIFY(TableIO(check.get()).read(dir, false));
-    QCOMPARE(contentOf(*check), contentOf(*old));
+    QCOMPARE(rowTexts(*check), rowTexts(*old));
 }
 
 // Every truncation and every single-bit flip, plain and gzip. A load of a
@@ -264,7 +253,7 @@ void tst_TableFilesDamage::sweeps()
     QTemporaryDir tmp;
     const QDir dir(tmp.path());
     auto source = prices(24);
-    const QStringList original = contentOf(*source);
+    const QStringList original = rowTexts(*source);
     const auto silent = [](QtMsgType, const QMessageLogContext &, const QString &) {};
     const QtMessageHandler testHandler = qInstallMessageHandler(silent);
     for (bool compressed : { false, true }) {
@@ -272,15 +261,15 @@ void tst_TableFilesDamage::sweeps()
         int tried = 0, wrongSuccesses = 0, partial = 0, unseenFlips = 0;
         auto attempt = [&](const QByteArray &bytes, bool flip) {
             auto table = prices(2);
-            const QStringList before = contentOf(*table);
+            const QStringList before = rowTexts(*table);
             ++tried;
             if (loadFile(*table, dir, bytes, compressed)) {
-                const QStringList after = contentOf(*table);
+                const QStringList after = rowTexts(*table);
                 if (!flip || after.size() != original.size() || (compressed && after != original))
                     ++wrongSuccesses;
                 else if (after != original)
                     ++unseenFlips;
-            } else if (contentOf(*table) != before || !IndexChecker::check(table.get()).isEmpty()) {
+            } else if (rowTexts(*table) != before || !IndexChecker::check(table.get()).isEmpty()) {
                 ++partial;
             }
         };

@@ -5,7 +5,6 @@
 
 #include "indexchecker.h"
 
-#include <QBuffer>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -48,21 +47,10 @@ std::unique_ptr<Table> quotes(const QString &name, int rows)
     return table;
 }
 
-// The rows of a table as text, in master order; "~" for a null cell.
-QStringList rowTexts(const Table &table)
-{
-    QStringList texts;
-    for (const Record &record : IndexChecker::rowsOf(table.masterIndex())) {
-        QStringList cells;
-        for (int c = 0; c < table.columnCount(); ++c)
-            cells << (record.data(c).isNull() ? QStringLiteral("~") : record.data(c).toString());
-        texts << cells.join('|');
-    }
-    return texts;
-}
-
+using TestSupport::FaultyDevice;
 using TestSupport::loadBytes;
 using TestSupport::RecordingIndex;
+using TestSupport::rowTexts;
 using TestSupport::savedBytes;
 
 class RefuseAll : public FilterProgressTrue
@@ -70,8 +58,6 @@ class RefuseAll : public FilterProgressTrue
 public:
     bool filter(const Record &) const override { return false; }
 };
-
-using TestSupport::FaultyDevice;
 
 enum Form { Plain, Compressed, CompressedByGzip };
 

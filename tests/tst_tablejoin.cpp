@@ -142,9 +142,7 @@ void tst_TableJoin::createFillsExistingRows()
     QVERIFY2(join->isValid(), qPrintable(join->errorString()));
     QCOMPARE(join->mainColumns(), QList<int>({ JoinedCode, JoinedPrice }));
     QCOMPARE(t.orders.columnDef(JoinedCode)->length, 8);
-    QVERIFY_JOINED(t);
-    QCOMPARE(rowOf(t.orders, 10).data(JoinedCode).toString(), "SBER");
-    QVERIFY(rowOf(t.orders, 11).data(JoinedPrice).isNull());
+    QVERIFY_JOINED(t); // order 11 has no instrument: its joined cells are null
 
     // Decimal keys match by value whatever their scales.
     Table strikes("strikes"), legs("legs");
