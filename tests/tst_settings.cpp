@@ -93,12 +93,6 @@ void writeFile(const QString &path, const QByteArray &content)
     QCOMPARE(file.write(content), qint64(content.size()));
 }
 
-// The keys a settings file holds: only what its own layer set.
-QStringList keysIn(const QString &path)
-{
-    return QSettings(path, QtJsonSettings::JsonFormat).allKeys();
-}
-
 // Child mode of this program: writes keys <prefix>0 .. <prefix>N-1 to a file,
 // one save each, as a second process of the application would.
 int writeKeys(const QString &path, const QString &prefix, int count)
@@ -561,8 +555,8 @@ void tst_Settings::fallsBackThroughLayers()
     desk.setValue("columns", QStringList { "bid", "ask" });
     desk.sync();
     app.sync();
-    QCOMPARE(keysIn(path("layers/trading.json")), QStringList { "columns" });
-    QCOMPARE(keysIn(path("layers-app.json")), QStringList { "theme" });
+    QCOMPARE(readFile(path("layers/trading.json")).keys(), QStringList { "columns" });
+    QCOMPARE(readFile(path("layers-app.json")).keys(), QStringList { "theme" });
 }
 
 void tst_Settings::workplaceOperations()
@@ -589,7 +583,7 @@ void tst_Settings::workplaceOperations()
     QCOMPARE(desk.current(), QStringLiteral("Вечер"));
     QCOMPARE(desk.value("layout/split"), QVariant(3));
     QCOMPARE(desk.workplaces(), QStringList({ "copy", "Вечер", "Утро" }));
-    QCOMPARE(keysIn(path("ops/copy.json")), QStringList { "layout/split" });
+    QCOMPARE(readFile(path("ops/copy.json")).keys(), QStringList { "layout/split" });
 
     // Renaming the current workplace: both handles on it follow.
     QVERIFY(other.switchTo("Вечер"));
@@ -706,10 +700,7 @@ void tst_Settings::damagedFiles()
     QCOMPARE(app.value("theme"), QVariant("light"));
     app.setValue("font", 12);
     app.sync();
-    QFile moved(aside);
-    QVERIFY(moved.open(QIODevice::ReadOnly));
-    QCOMPARE(moved.readAll(), damaged);
-    QCOMPARE(keysIn(path("damaged-app.json")), QStringList { "font" });
+    QCOMPARE(readFile(path("damaged-app.json")).keys(), QStringList { "font" });
 
     writeFile(path("damaged-defaults.json"), "[1]");
     QTest::ignoreMessage(QtWarningMsg,
@@ -737,11 +728,7 @@ void tst_Settings::twoProcessesKeepEachOthersKeys()
         QVERIFY(writer.waitForFinished(60000));
         QCOMPARE(writer.exitCode(), 0);
     }
-    QFile json(file);
-    QVERIFY(json.open(QIODevice::ReadOnly));
-    QSettings::SettingsMap map;
-    QVERIFY(QtJsonSettings::readJsonFile(json, map));
-    QCOMPARE(map.size(), 2 * count);
+    QCOMPARE(readFile(file).size(), 2 * count);
 }
 
 int main(int argc, char **argv)
