@@ -3,7 +3,7 @@
 
 // Helpers shared by the test programs: a device that fails on demand, a table
 // file saved to and loaded from memory, an outside program run with a bounded
-// wait, the table's lock taken from another thread with a bounded wait, and an
+// wait (RUN_TOOL in a test), the table's lock taken from another thread with a bounded wait, and an
 // index that records what it is told.
 
 #include <database/index.h>
@@ -15,6 +15,7 @@
 #include <QBuffer>
 #include <QDataStream>
 #include <QProcess>
+#include <QStandardPaths>
 #include <QStringList>
 
 #include <chrono>
@@ -24,6 +25,19 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+
+// Runs an outside program that must succeed, with `input` on its standard input
+// and its output into `out`; skips the rest of the test when the program is not
+// installed.
+#define RUN_TOOL(out, input, program, ...)                                                         \
+    do {                                                                                           \
+        if (QStandardPaths::findExecutable(program).isEmpty())                                     \
+            QSKIP(program " is not installed");                                                    \
+        const TestSupport::ProgramRun run                                                          \
+            = TestSupport::runProgram(program, { __VA_ARGS__ }, input);                            \
+        QVERIFY2(run.ok, run.err.constData());                                                     \
+        out = run.out;                                                                             \
+    } while (false)
 
 namespace TestSupport {
 
