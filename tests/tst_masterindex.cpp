@@ -41,6 +41,8 @@ private Q_SLOTS:
     void integerKeyOrder_data();
     void integerKeyOrder();
     void integerKeyAsMaster();
+    void integerKeySearch_data();
+    void integerKeySearch();
     void orderedMaster();
     void addColumnRelaysRows();
     void batchesMoveRowsOnlyForKeyChanges();
@@ -212,6 +214,55 @@ void tst_MasterIndex::integerKeyAsMaster()
     QVERIFY_INDEXES(&table);
     for (const QString &text : { texts.first(), texts.last(), QStringLiteral("-1") })
         QCOMPARE(Record(&table, text).toString(), text);
+}
+
+void tst_MasterIndex::integerKeySearch_data()
+{
+    QTest::addColumn<int>("type");
+    QTest::addColumn<QList<qint64>>("keys");
+    QList<qint64> dense, repeated, skewed, wide;
+    for (qint64 i = 0; i < 3000; ++i) {
+        dense << i * 3;
+        repeated << i / 7 * 2;
+        skewed << (i < 2990 ? i : (qint64(1) << (i - 2960)));
+        wide << (i % 2 ? i * 1000003 : -i * 999983);
+    }
+    wide << std::numeric_limits<qint64>::min() << std::numeric_limits<qint64>::max();
+    QTest::newRow("dense") << int(FieldType::Integer) << dense;
+    QTest::newRow("equal keys") << int(FieldType::Integer) << repeated;
+    QTest::newRow("a few far keys") << int(FieldType::Integer64) << skewed;
+    QTest::newRow("both signs, extremes") << int(FieldType::Integer64) << wide;
+    QTest::newRow("one row") << int(FieldType::Integer) << QList<qint64> { 5 };
+}
+
+// The interpolating search finds what the plain binary search finds, from any
+// start, for keys present and absent however they are spread.
+void tst_MasterIndex::integerKeySearch()
+{
+    QFETCH(int, type);
+    QFETCH(QList<qint64>, keys);
+    Table table(QStringLiteral("ids"));
+    table.addColumn(QStringLiteral("id"), FieldType::Type(type), 0, false);
+    auto *master = new MasterIndex_Integer(&table, 0);
+    table.setMasterIndex(master);
+    QList<Record> rows;
+    for (qint64 key : keys)
+        rows << master->fromText(QString::number(key));
+    table.appendList(rows);
+    QCOMPARE(master->count(), keys.size());
+    QList<qint64> probes = keys;
+    for (qint64 key : keys) {
+        if (key > std::numeric_limits<qint64>::min())
+            probes << key - 1;
+        if (key < std::numeric_limits<qint64>::max())
+            probes << key + 1;
+    }
+    const int n = master->count();
+    for (int i = 0; i < probes.size(); i += 1 + probes.size() / 2000) {
+        const Record key = master->fromText(QString::number(probes.at(i)));
+        for (int from : { -1, n / 3, n - 2, n - 1 })
+            QCOMPARE(master->search(key, from), master->IndexSort::search(key, from));
+    }
 }
 
 // Rows stay in arrival order; without a key every search key matches the first.

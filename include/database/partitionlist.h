@@ -280,6 +280,33 @@ public:
         return m_starts[slot] + int(found - part->m_items);
     }
 
+    // The first position in [from, count()) holding an element == `value`, or
+    // -1. Every `stride` elements passed over, `giveUp(element)` may end the
+    // walk (-1). Walks the parts' arrays directly, so a long walk costs a
+    // comparison per element and nothing per position.
+    template <typename GiveUp>
+    int indexOfFrom(int from, const T &value, int stride, GiveUp giveUp) const
+    {
+        from = std::max(from, 0);
+        if (from >= m_count)
+            return -1;
+        int passed = 0;
+        const int lastSlot = m_parts.size() - 1;
+        const int firstSlot = slotAt(from);
+        for (int slot = firstSlot; slot < lastSlot; ++slot) {
+            const Part *part = m_parts[slot];
+            const int begin = slot == firstSlot ? from - m_starts[slot] : 0;
+            const T *items = part->m_items;
+            for (int i = begin; i < part->m_count; ++i) {
+                if (items[i] == value)
+                    return m_starts[slot] + i;
+                if (++passed % stride == 0 && giveUp(items[i]))
+                    return -1;
+            }
+        }
+        return -1;
+    }
+
     // partitionPoint(0, ...) for `n` queries at once: points[q] becomes the first
     // position whose element fails pred(element, q). REQUIRES: for each q,
     // pred(·, q) holds for a prefix of the list and fails for the rest.

@@ -266,19 +266,10 @@ QVector<int> IndexSort::indexOfs(const QList<Record> &wanted) const
     constexpr int stride = 64;
     for (int i = 0; i < wanted.size(); ++i) {
         const Record &record = wanted.at(i);
-        if (record.isNull())
-            continue;
-        int position = lower.at(i);
-        auto it = list.cbegin();
-        it += position;
-        for (const int n = list.count(); position < n; ++it, ++position) {
-            if (*it == record) {
-                result[i] = position;
-                break;
-            }
-            if ((position - lower.at(i)) % stride == stride - 1 && compare(*it, record) != 0)
-                break;
-        }
+        if (!record.isNull())
+            result[i] = list.indexOfFrom(
+                lower.at(i), record, stride,
+                [this, &record](const Record &element) { return compare(element, record) != 0; });
     }
     // Rows not found among their equal keys, to be found by one scan.
     QHash<const unsigned char *, int> strays;

@@ -3,6 +3,8 @@
 #include "storage/rowlayout_p.h"
 #include <database/exception.h>
 
+#include <algorithm>
+
 MasterIndex_Integer::MasterIndex_Integer(Table *table, const QString &column)
     : MasterIndex_Column_Pure(table, QStringList { column })
 {
@@ -47,4 +49,45 @@ int MasterIndex_Integer::compare(const Record &first, const Record &second) cons
     const qint64 x = keyOf(a);
     const qint64 y = keyOf(b);
     return int(x > y) - int(x < y);
+}
+
+int MasterIndex_Integer::search(const Record &key, int from) const
+{
+    const PartitionList<Record> &list = records();
+    int low = std::max(from + 1, 0);
+    int high = list.count() - 1;
+    if (!key.row() || low > high)
+        return IndexSort::search(key, from);
+    const qint64 target = keyOf(key.row());
+    qint64 lowKey = keyOf(list.at(low).row());
+    if (lowKey >= target)
+        return lowKey == target ? low : -1;
+    qint64 highKey = keyOf(list.at(high).row());
+    if (highKey < target)
+        return -1;
+    // Keys at low are below the target, keys at high are not; the first
+    // position holding the target's key (if any) is in (low, high].
+    bool halve = false;
+    while (high - low > 1) {
+        int probe;
+        if (halve) {
+            probe = low + (high - low) / 2;
+        } else {
+            const long double share = (static_cast<long double>(target) - lowKey)
+                / (static_cast<long double>(highKey) - lowKey);
+            probe = low + 1 + int(share * (high - low - 1));
+            probe = std::min(std::max(probe, low + 1), high - 1);
+        }
+        const int before = high - low;
+        const qint64 probeKey = keyOf(list.at(probe).row());
+        if (probeKey < target) {
+            low = probe;
+            lowKey = probeKey;
+        } else {
+            high = probe;
+            highKey = probeKey;
+        }
+        halve = !halve && (high - low) * 2 > before;
+    }
+    return highKey == target ? high : -1;
 }
