@@ -1,16 +1,21 @@
 #ifndef TESTS_TESTSUPPORT_H
 #define TESTS_TESTSUPPORT_H
 
-// Helpers shared by the test programs: a device that fails on demand, an
-// outside program run with a bounded wait, the table's lock taken from another
-// thread with a bounded wait, and an index that records what it is told.
+// Helpers shared by the test programs: a device that fails on demand, a table
+// file saved to and loaded from memory, an outside program run with a bounded
+// wait (RUN_TOOL in a test), the table's lock taken from another thread with a bounded wait, and an
+// index that records what it is told.
 
 #include <database/index.h>
+#include <database/masterindex.h>
 #include <database/record.h>
 #include <database/table.h>
+#include <database/tableio.h>
 
 #include <QBuffer>
+#include <QDataStream>
 #include <QProcess>
+#include <QStandardPaths>
 #include <QStringList>
 
 #include <chrono>
@@ -20,6 +25,19 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+
+// Runs an outside program that must succeed, with `input` on its standard input
+// and its output into `out`; skips the rest of the test when the program is not
+// installed.
+#define RUN_TOOL(out, input, program, ...)                                                         \
+    do {                                                                                           \
+        if (QStandardPaths::findExecutable(program).isEmpty())                                     \
+            QSKIP(program " is not installed");                                                    \
+        const TestSupport::ProgramRun run                                                          \
+            = TestSupport::runProgram(program, { __VA_ARGS__ }, input);                            \
+        QVERIFY2(run.ok, run.err.constData());                                                     \
+        out = run.out;                                                                             \
+    } while (false)
 
 namespace TestSupport {
 
@@ -59,6 +77,37 @@ private:
         return -1;
     }
 };
+
+// Every row as its cells' texts joined by '|' ("~" for a null cell), in master
+// order; no rows without a master index.
+inline QStringList rowTexts(const Table &table)
+{
+    QStringList texts;
+    if (!table.masterIndex())
+        return texts;
+    for (const Record &record : *table.masterIndex()) {
+        QStringList cells;
+        for (int c = 0; c < table.columnCount(); ++c)
+            cells << (record.data(c).isNull() ? QStringLiteral("~") : record.data(c).toString());
+        texts << cells.join('|');
+    }
+    return texts;
+}
+
+// The table's file as bytes (empty when the save fails), and a load of such
+// bytes; addColumns as in TableIO::read.
+inline QByteArray savedBytes(Table &table, bool withRows = true)
+{
+    QByteArray bytes;
+    QDataStream out(&bytes, QIODevice::WriteOnly);
+    return TableIO(&table).write(out, withRows) ? bytes : QByteArray();
+}
+
+inline bool loadBytes(Table &table, const QByteArray &bytes, bool addColumns = false)
+{
+    QDataStream in(bytes);
+    return TableIO(&table).read(in, addColumns);
+}
 
 struct ProgramRun
 {

@@ -96,7 +96,6 @@ class tst_IndexModel : public QObject
 private Q_SLOTS:
     void randomChanges();
     void vectorKeepsArrivalOrderAmongEqualKeys();
-    void vectorFollowsTheTable();
     void watchBookkeeping();
     void destroyedIndexLeavesTheRegistry_data();
     void destroyedIndexLeavesTheRegistry();
@@ -253,26 +252,6 @@ void tst_IndexModel::vectorKeepsArrivalOrderAmongEqualKeys()
     vector.resort();
     QCOMPARE(ids(vector.records()), (QList<int> { 1, 2, 3 }));
     QVERIFY(!IndexVector::sortIndex);
-}
-
-void tst_IndexModel::vectorFollowsTheTable()
-{
-    Table table(QStringLiteral("t"));
-    addQuoteColumns(table);
-    table.setMasterIndex(new MasterIndex_Column_Pure(&table, QStringLiteral("id")));
-    for (int id = 1; id <= 5; ++id)
-        table.appendList({ makeRow(table, id, 10 - id) });
-    GroupVector vector(&table);
-    vector.build();
-    QCOMPARE(ids(vector.records()), (QList<int> { 5, 4, 3, 2, 1 }));
-    table.addIndex(&vector);
-
-    Record row = table.masterIndex()->find(makeRow(table, 5), -1);
-    row.data(Group).set<qint32>(20);
-    table.updated(row, Group, Group, -1);
-    table.remove(table.masterIndex()->find(makeRow(table, 3), -1));
-    QCOMPARE(ids(vector.records()), (QList<int> { 4, 2, 1, 5 }));
-    table.removeIndex(&vector);
 }
 
 void tst_IndexModel::watchBookkeeping()

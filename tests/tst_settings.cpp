@@ -1,4 +1,7 @@
-// The "json" settings format, the Settings handle and in-memory MapSettings.
+// The "json" settings format, the Settings handle, in-memory MapSettings, and
+// the layers above them: defaults, application and workplace settings, their
+// workplace files, the change signal, damaged files and two processes writing
+// one file.
 
 #include <database/database.h>
 
@@ -29,13 +32,6 @@ struct Capture
     ~Capture() { qInstallMessageHandler(previous); }
     QtMessageHandler previous;
 };
-
-QByteArray runPython(const QString &script, const QString &path)
-{
-    const TestSupport::ProgramRun python = TestSupport::runProgram(
-        QStringLiteral("python3"), { QStringLiteral("-c"), script, path });
-    return python.ok ? python.out.trimmed() : "python failed: " + python.err;
-}
 
 QSettings::SettingsMap readFile(const QString &path)
 {
@@ -83,13 +79,34 @@ QDataStream &operator>>(QDataStream &in, Streamable &value)
 const QString DebugReadError
     = QStringLiteral("QGuiLog/%1: Ошибка при чтении настроек JSON:\n ").arg(QtDebugMsg);
 
+void writeFile(const QString &path, const QByteArray &content)
+{
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    QCOMPARE(file.write(content), qint64(content.size()));
+}
+
+// Child mode of this program: writes keys <prefix>0 .. <prefix>N-1 to a file,
+// one save each, as a second process of the application would.
+int writeKeys(const QString &path, const QString &prefix, int count)
+{
+    AppSettings settings(DefaultSettings(), path);
+    for (int i = 0; i < count; ++i) {
+        settings.setValue(prefix + QString::number(i), i);
+        settings.sync();
+        if (settings.status() != QSettings::NoError)
+            return 1;
+    }
+    return 0;
+}
+
 } // namespace
 
 class tst_Settings : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void initTestCase() { QVERIFY(dir.isValid()); }
+    void initTestCase();
     void writeNesting_data();
     void writeNesting();
     void readsJsonOfOtherPrograms();
@@ -102,9 +119,19 @@ private Q_SLOTS:
     void mapSettingsStoreAndRestore();
     void mapSettingsNeverTouchDisk();
     void settingsOwnership();
+    void fallsBackThroughLayers();
+    void workplaceOperations();
+    void hostileNames_data();
+    void hostileNames();
+    void changeSignal();
+    void damagedFiles();
+    void twoProcessesKeepEachOthersKeys();
 
 private:
+    QString path(const QString &name) const { return dir.filePath(name); }
+
     QTemporaryDir dir;
+    DefaultSettings defaults;
 };
 
 void tst_Settings::writeNesting_data()
@@ -149,14 +176,11 @@ void tst_Settings::writeNesting()
 void tst_Settings::readsJsonOfOtherPrograms()
 {
     const QString path = dir.filePath(QStringLiteral("other.json"));
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(R"({"window": {"geometry": {"x": 10},
+    writeFile(path, R"({"window": {"geometry": {"x": 10},
  "title": "\u041a\u043e\u0442\u0438\u0440\u043e\u0432\u043a\u0438 \u2713"},
  "rows": [{"name": "a"}, {"name": "b", "n": 2}],
  "cols": [1, 2.5, "\u0442\u0440\u0438", true, null], "empty": [], "nothing": {},
  "@Map_filter": {"board": "TQBR", "lots": 10}, "big": 12345678901})");
-    file.close();
     QSettings settings(path, QtJsonSettings::JsonFormat);
     QVariantMap read;
     for (const QString &key : settings.allKeys())
@@ -207,13 +231,9 @@ void tst_Settings::badFiles()
     QFETCH(int, line);
 
     const QString path = dir.filePath(QStringLiteral("bad-%1.json").arg(QTest::currentDataTag()));
-    {
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        QVERIFY(file.write(content) == content.size());
-        if (sparseSize)
-            QVERIFY(file.resize(sparseSize));
-    }
+    writeFile(path, content);
+    if (sparseSize)
+        QVERIFY(QFile::resize(path, sparseSize));
     Capture capture;
     QSettings settings(path, QtJsonSettings::JsonFormat);
     QCOMPARE(settings.status(), QSettings::FormatError);
@@ -240,17 +260,9 @@ void tst_Settings::badFiles()
 void tst_Settings::deviceErrors()
 {
     Capture capture;
-    // QSettings never reads an empty file (it is an empty settings file), but
-    // the read function itself refuses an empty document.
-    QBuffer empty;
-    empty.open(QIODevice::ReadOnly);
-    QSettings::SettingsMap map;
-    QVERIFY(!QtJsonSettings::readJsonFile(empty, map));
-    QVERIFY(map.isEmpty());
     QBuffer readOnly;
     readOnly.open(QIODevice::ReadOnly);
     QVERIFY(!QtJsonSettings::writeJsonFile(readOnly, { { "a", 1 } }));
-    QCOMPARE(logged.first(), DebugReadError + QStringLiteral("QBuffer \nillegal value в строке 1"));
     QCOMPARE(logged.last(),
              QStringLiteral("QGuiLog/%1: Ошибка при записи настроек JSON").arg(QtWarningMsg));
 
@@ -315,8 +327,6 @@ void tst_Settings::keepsWhatJsonCannotHold()
             QCOMPARE(back.toDateTime().timeSpec(), it.value().toDateTime().timeSpec());
     }
 
-    if (QStandardPaths::findExecutable(QStringLiteral("python3")).isEmpty())
-        QSKIP("python3 is not installed");
     const QString path = dir.filePath(QStringLiteral("qt-types.json"));
     {
         QSettings settings(path, QtJsonSettings::JsonFormat);
@@ -325,11 +335,14 @@ void tst_Settings::keepsWhatJsonCannotHold()
         settings.sync();
         QCOMPARE(settings.status(), QSettings::NoError);
     }
-    QCOMPARE(runPython("import json,sys; d = json.load(open(sys.argv[1])); w = d['window']; "
-                       "print(w[''], w['height'], w['rect'], d['columns'], d['@@Map_plain'], "
-                       "d['@@Map_group'], d['@@@x'], d['text'], d['nan'], d['arr'], "
-                       "d['utc'], sorted(d['@Hash_hash']))",
-                       path),
+    QByteArray out;
+    RUN_TOOL(out, {}, "python3", "-c",
+             "import json,sys; d = json.load(open(sys.argv[1])); w = d['window']; "
+             "print(w[''], w['height'], w['rect'], d['columns'], d['@@Map_plain'], "
+             "d['@@Map_group'], d['@@@x'], d['text'], d['nan'], d['arr'], "
+             "d['utc'], sorted(d['@Hash_hash']))",
+             path);
+    QCOMPARE(out.trimmed(),
              QByteArray("640 480 @Rect(-5 10 800 600) ['bid', 'ask'] 1 {'a': 2} @@ "
                         "@@ByteArray(AA==) @Double(nan) {'2': {'x': 2}, 'size': 2, 'zzz': 3} "
                         "@DateTime(2026-01-01T00:00:00.000Z) ['a', 'b']"));
@@ -398,18 +411,11 @@ void tst_Settings::mapSettingsKeepApart()
     QSettings store(QString(), QtJsonSettings::mapFormat());
     QCOMPARE(store.childGroups().size(), 3);
 
-    const QString base = QStringLiteral("0x%1").arg(quintptr(&a), 16, 16, QLatin1Char('0'));
-    QCOMPARE(a.group(), base);
-    a.beginGroup("g");
-    a.beginGroup("h");
-    a.setValue("x", 1);
-    a.endAllGroups();
-    QCOMPARE(a.group(), base);
-    QVERIFY(a.allKeys().contains("g/h/x"));
+    // clear() inside a group empties this object alone, back in its own group.
     a.beginGroup("g");
     a.clear();
-    QCOMPARE(a.group(), base);
-    QVERIFY(a.allKeys().isEmpty());
+    QVERIFY(a.allKeys().isEmpty() && !a.group().contains('/'));
+    QCOMPARE(b.allKeys().size(), 2);
 }
 
 void tst_Settings::mapSettingsStoreAndRestore()
@@ -493,5 +499,243 @@ void tst_Settings::settingsOwnership()
 Q_DECLARE_METATYPE(Unsaveable)
 Q_DECLARE_METATYPE(Streamable)
 
-QTEST_GUILESS_MAIN(tst_Settings)
+void tst_Settings::initTestCase()
+{
+    QVERIFY(dir.isValid());
+    QStandardPaths::setTestModeEnabled(true);
+    writeFile(path("defaults.json"),
+              R"({"font": 10, "window": {"width": 800, "height": 600}, "theme": "light"})");
+    defaults = DefaultSettings(path("defaults.json"));
+    QCOMPARE(defaults.status(), QSettings::NoError);
+}
+
+void tst_Settings::fallsBackThroughLayers()
+{
+    AppSettings app(defaults, path("layers-app.json"));
+    app.setValue("window/width", 1024);
+    app.setValue("theme", "dark");
+    WorkplaceSettings desk(app, path("layers"));
+    QVERIFY(desk.saveAs("trading"));
+    desk.setValue("window/width", 1920);
+    desk.setValue("window/panes/left", true);
+
+    using S = AppSettings::Source;
+    const QList<std::tuple<QString, QVariant, S>> expected {
+        { "window/width", 1920, S::WorkplaceSource },
+        { "window/panes/left", true, S::WorkplaceSource },
+        { "theme", "dark", S::ApplicationSource },
+        { "window/height", 600, S::DefaultSource },
+        { "font", 10, S::DefaultSource },
+        { "missing", QVariant(), S::NoSource },
+    };
+    for (const auto &[key, value, source] : expected) {
+        QCOMPARE(desk.value(key), value);
+        QCOMPARE(desk.source(key), source);
+    }
+    QCOMPARE(desk.value("missing", 7), QVariant(7));
+    QCOMPARE(
+        desk.allKeys(),
+        QStringList({ "font", "theme", "window/height", "window/panes/left", "window/width" }));
+
+    // Resetting a group of the workplace lets the application's value through,
+    // resetting the application's key lets the default through.
+    desk.reset("window");
+    QCOMPARE(desk.value("window/width"), QVariant(1024));
+    QCOMPARE(desk.source("window/panes/left"), S::NoSource);
+    app.reset("window/width");
+    QCOMPARE(desk.value("window/width"), QVariant(800));
+    QCOMPARE(app.source("theme"), S::ApplicationSource);
+
+    desk.setValue("columns", QStringList { "bid", "ask" });
+    desk.sync();
+    app.sync();
+    QCOMPARE(readFile(path("layers/trading.json")).keys(), QStringList { "columns" });
+    QCOMPARE(readFile(path("layers-app.json")).keys(), QStringList { "theme" });
+}
+
+void tst_Settings::workplaceOperations()
+{
+    AppSettings app(defaults, path("ops-app.json"));
+    WorkplaceSettings desk(app, path("ops"));
+    WorkplaceSettings other(app, path("ops"));
+    QSignalSpy currentSpy(&other, &WorkplaceSettings::currentChanged);
+
+    QTest::ignoreMessage(QtWarningMsg,
+                         "WorkplaceSettings::setValue: no current workplace; k is not written");
+    desk.setValue("k", 1);
+    QVERIFY(desk.create("Утро"));
+    QVERIFY(!desk.create("Утро"));
+    QCOMPARE(desk.errorString(), QStringLiteral("Рабочее место «Утро» уже существует"));
+    QVERIFY(desk.switchTo("Утро"));
+    desk.setValue("layout/split", 3);
+    QVERIFY(!desk.switchTo("nowhere"));
+    QCOMPARE(desk.current(), QStringLiteral("Утро"));
+
+    // Copies carry unsaved values; saveAs copies and switches.
+    QVERIFY(desk.copy("Утро", "copy"));
+    QVERIFY(desk.saveAs("Вечер"));
+    QCOMPARE(desk.current(), QStringLiteral("Вечер"));
+    QCOMPARE(desk.value("layout/split"), QVariant(3));
+    QCOMPARE(desk.workplaces(), QStringList({ "copy", "Вечер", "Утро" }));
+    QCOMPARE(readFile(path("ops/copy.json")).keys(), QStringList { "layout/split" });
+
+    // Renaming the current workplace: both handles on it follow.
+    QVERIFY(other.switchTo("Вечер"));
+    QVERIFY(desk.rename("Вечер", "Ночь"));
+    QCOMPARE(desk.current(), QStringLiteral("Ночь"));
+    QCOMPARE(other.current(), QStringLiteral("Ночь"));
+    QVERIFY(!desk.rename("copy", "Утро"));
+    QVERIFY(!desk.remove("Ночь"));
+    QCOMPARE(desk.errorString(), QStringLiteral("Нельзя удалить текущее рабочее место «Ночь»"));
+
+    // Removing through one handle drops the workplace of the other.
+    QVERIFY(desk.switchTo("copy"));
+    QVERIFY(desk.remove("Ночь"));
+    QCOMPARE(other.current(), QString());
+    QCOMPARE(currentSpy.count(), 3);
+    QCOMPARE(desk.workplaces(), QStringList({ "copy", "Утро" }));
+    QVERIFY(!QFile::exists(path("ops/Ночь.json")));
+    QCOMPARE(desk.status(), QSettings::NoError);
+}
+
+void tst_Settings::hostileNames_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QString>("error");
+    const QString character = "недопустимый символ", dot = "с точки";
+    for (const char *name : { "../x", "a/b", "a\\b", "a\nb" })
+        QTest::newRow(name) << QString(name) << character;
+    QTest::newRow("nul") << QString::fromUtf16(u"a\0b", 3) << character;
+    QTest::newRow("dot dot") << ".." << dot;
+    QTest::newRow("hidden") << ".x" << dot;
+    QTest::newRow("empty") << QString("") << QString("не задано");
+    QTest::newRow("spaces") << QString(" a") << QString("пробелом");
+    QTest::newRow("long") << QString(101, 'x') << "длиннее 100";
+    QTest::newRow("long in bytes") << QString(70, QChar(0x4e00)) << "длиннее 100";
+}
+
+// Hostile names are refused by every operation, and nothing appears on disk.
+void tst_Settings::hostileNames()
+{
+    QFETCH(QString, name);
+    QFETCH(QString, error);
+    AppSettings app(defaults, path("hostile-app.json"));
+    WorkplaceSettings desk(app, path("hostile/inner"));
+    QVERIFY(desk.create("good"));
+    const std::function<bool()> operations[] = {
+        [&] { return desk.create(name); },         [&] { return desk.copy("good", name); },
+        [&] { return desk.rename("good", name); }, [&] { return desk.saveAs(name); },
+        [&] { return desk.switchTo(name); },       [&] { return desk.remove(name); },
+    };
+    for (const auto &operation : operations) {
+        QVERIFY(!operation());
+        QVERIFY2(desk.errorString().contains(error), qPrintable(desk.errorString()));
+    }
+    QCOMPARE(
+        QDir(path("hostile")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden),
+        QStringList { "inner" });
+    QCOMPARE(desk.workplaces(), QStringList { "good" });
+    QVERIFY(desk.remove("good"));
+}
+
+void tst_Settings::changeSignal()
+{
+    AppSettings first(defaults, path("signal-app.json"));
+    AppSettings second(defaults, path("signal-app.json"));
+    WorkplaceSettings desk(first, path("signal"));
+    QVERIFY(desk.saveAs("w"));
+    desk.setValue("overridden", 1);
+    QSignalSpy secondSpy(&second, &AppSettings::valueChanged);
+    QSignalSpy deskSpy(&desk, &WorkplaceSettings::valueChanged);
+
+    first.setValue("theme", "dark");
+    first.setValue("theme", "dark"); // unchanged: no signal
+    first.setValue("overridden", 2); // hidden by the workplace
+    desk.setValue("grid", true);
+    second.reset("theme");
+    second.reset("absent"); // nothing to reset: no signal
+    QCOMPARE(secondSpy, QList<QVariantList>({ { "theme" }, { "overridden" }, { "theme" } }));
+    QCOMPARE(deskSpy, QList<QVariantList>({ { "theme" }, { "grid" }, { "theme" } }));
+
+    // A handle living in another thread hears of the change in its own thread.
+    QThread worker;
+    AppSettings remote(defaults, path("signal-app.json"));
+    remote.moveToThread(&worker);
+    QStringList heard;
+    QThread *heardIn = nullptr;
+    connect(&remote, &AppSettings::valueChanged, &remote, [&](const QString &key) {
+        QMetaObject::invokeMethod(this, [&, key, thread = QThread::currentThread()] {
+            heard << key;
+            heardIn = thread;
+        });
+    });
+    worker.start();
+    first.setValue("font", 14);
+    QTRY_COMPARE(heard, QStringList { "font" });
+    QCOMPARE(heardIn, &worker);
+    worker.quit();
+    QVERIFY(worker.wait());
+}
+
+// A damaged file is moved aside, reported, and the layer below is used until
+// the next save writes a fresh file; the damaged defaults stay where they are.
+void tst_Settings::damagedFiles()
+{
+    const QByteArray damaged("{\"theme\": \"dark\", \"font\": ");
+    writeFile(path("damaged-app.json"), damaged);
+    QTest::ignoreMessage(QtWarningMsg,
+                         QRegularExpression("^Повреждённый файл настроек .* сохранён как "));
+    AppSettings app(defaults, path("damaged-app.json"));
+    QCOMPARE(app.status(), QSettings::FormatError);
+    const QString aside = QtJsonSettings::damagedCopy(path("damaged-app.json"));
+    QCOMPARE(app.errorString(),
+             QStringLiteral("Файл настроек %1 повреждён и сохранён как %2")
+                 .arg(path("damaged-app.json"), aside));
+    QCOMPARE(app.value("theme"), QVariant("light"));
+    app.setValue("font", 12);
+    app.sync();
+    QCOMPARE(readFile(path("damaged-app.json")).keys(), QStringList { "font" });
+
+    writeFile(path("damaged-defaults.json"), "[1]");
+    QTest::ignoreMessage(QtWarningMsg,
+                         qPrintable(QStringLiteral("Файл настроек по умолчанию %1 повреждён")
+                                        .arg(path("damaged-defaults.json"))));
+    const DefaultSettings badDefaults(path("damaged-defaults.json"));
+    QCOMPARE(badDefaults.status(), QSettings::FormatError);
+    QVERIFY(badDefaults.allKeys().isEmpty());
+    QVERIFY(QFile::exists(path("damaged-defaults.json")));
+    QTest::ignoreMessage(QtWarningMsg,
+                         QRegularExpression("^Не удалось прочитать файл настроек по умолчанию"));
+    QCOMPARE(DefaultSettings(path("absent.json")).status(), QSettings::AccessError);
+}
+
+void tst_Settings::twoProcessesKeepEachOthersKeys()
+{
+    const QString file = path("shared.json");
+    constexpr int count = 40;
+    QProcess writers[2];
+    for (int i = 0; i < 2; ++i)
+        writers[i].start(QCoreApplication::applicationFilePath(),
+                         { QStringLiteral("--write-keys"), file, QStringLiteral("p%1_").arg(i),
+                           QString::number(count) });
+    for (QProcess &writer : writers) {
+        QVERIFY(writer.waitForFinished(60000));
+        QCOMPARE(writer.exitCode(), 0);
+    }
+    QCOMPARE(readFile(file).size(), 2 * count);
+}
+
+int main(int argc, char **argv)
+{
+    if (argc == 5 && qstrcmp(argv[1], "--write-keys") == 0) {
+        QCoreApplication app(argc, argv);
+        return writeKeys(QString::fromLocal8Bit(argv[2]), QString::fromLocal8Bit(argv[3]),
+                         QByteArray(argv[4]).toInt());
+    }
+    QCoreApplication app(argc, argv);
+    tst_Settings test;
+    QTEST_SET_MAIN_SOURCE_PATH
+    return QTest::qExec(&test, argc, argv);
+}
+
 #include "tst_settings.moc"
