@@ -1,5 +1,6 @@
 #include <database/masterindex_fast.h>
 
+#include "indexes/masterkeyrefusals_p.h"
 #include "storage/rowlayout_p.h"
 #include <database/exception.h>
 
@@ -40,12 +41,9 @@ void MasterIndex_Fast_Pure::setup()
         case FieldType::DateTime:
             break;
         default:
-            throw Exception(
-                QStringLiteral("Type '%1' unsuported for %2")
-                    .arg(QString::fromLatin1(FieldType::typeName(column->type)), column->name));
+            MasterKeyRefusals::unsupportedType(column);
         }
-        if (column->nullable)
-            throw Exception(QStringLiteral("Columns can't be nullable %1").arg(column->name));
+        MasterKeyRefusals::refuseNullable(column);
         if (previous && column->index != previous->index + 1)
             throw Exception(QStringLiteral("Columns must be sequenced: %1(%3) / %2")
                                 .arg(column->index)

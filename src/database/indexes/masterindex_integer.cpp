@@ -1,7 +1,7 @@
 #include <database/masterindex_integer.h>
 
+#include "indexes/masterkeyrefusals_p.h"
 #include "storage/rowlayout_p.h"
-#include <database/exception.h>
 
 #include <algorithm>
 
@@ -31,12 +31,9 @@ void MasterIndex_Integer::setup()
         m_shift = 0;
         break;
     default:
-        throw Exception(
-            QStringLiteral("Type '%1' unsuported for %2")
-                .arg(QString::fromLatin1(FieldType::typeName(column->type)), column->name));
+        MasterKeyRefusals::unsupportedType(column);
     }
-    if (column->nullable)
-        throw Exception(QStringLiteral("Columns can't be nullable %1").arg(column->name));
+    MasterKeyRefusals::refuseNullable(column);
     m_offset = RowLayout::HeaderSize + column->offset;
 }
 
