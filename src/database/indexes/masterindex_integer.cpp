@@ -84,7 +84,7 @@ int MasterIndex_Integer::search(const Record &key, int from) const
             high = probe;
             highKey = probeKey;
         }
-        halve = !halve && (high - low) * 2 > before;
+        halve = !halve && qint64(high - low) * 2 > before;
     }
     return highKey == target ? high : -1;
 }
