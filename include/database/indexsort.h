@@ -128,8 +128,27 @@ public:
     // Rows out of key order are found by one shared scan of the list.
     QVector<int> indexOfs(const QList<Record> &records) const;
 
+protected:
+    // An order key: a 64-bit integer per row that orders as compare() does
+    // wherever it differs. Contract, for the subclass to keep:
+    //  1. compare(a, b) < 0 implies keyOf(a) <= keyOf(b);
+    //  2. with `decide`, equal even keys imply compare() == 0 (an odd key is
+    //     one that had to round, and an equal one settles nothing);
+    //  3. keyOf() reads what compare() reads, nothing else, and may run on
+    //     any thread.
+    // `context` is passed to keyOf() and must live as long as the index.
+    using OrderKeyFunction = quint64 (*)(const void *context, const Record &record);
+    // Gives resort() (and so build()) the order key: it then sorts by a radix
+    // sort of the keys, reading each row once, and compares rows only within
+    // runs of equal keys that do not decide. The result is the same stable
+    // order. A null function goes back to the comparison sort.
+    void setOrderKey(OrderKeyFunction keyOf, const void *context, bool decide);
+
 private:
     Q_DISABLE_COPY(IndexSort)
+    // resort() by the order key. False when memory for the keys is short
+    // (then nothing changed).
+    bool resortByKeys();
     int lowerBound(const Record &record) const;
     int upperBound(const Record &record, int low) const;
     // lowerBound() (or upper bounds) of every record, searched together.

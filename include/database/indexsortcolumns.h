@@ -39,6 +39,14 @@ Q_DECLARE_METATYPE(SortColumn)
 // last placement. Otherwise, and always while the index has observers (an
 // item model must hear of every updated row), batches are IndexSort's.
 //
+// Sorting: resort() (and build()) orders by a 64-bit key of the first key
+// column when it is Integer, Integer64, DateTime or Decimal: a radix sort of
+// keys read once per row, rows compared only where keys tie and another key
+// column (or a rounded key) must decide. Decimals are keyed at the largest
+// scale among the first 256 rows of the list; a cell of a larger scale gets a
+// rounded key and is ordered by comparison among its ties. The order is the
+// stable comparison order either way.
+//
 // Construction: the key columns are resolved once, by name. A name the table
 // does not have is reported with a warning and left out of the key; with no
 // key column left, every row compares equal and the index keeps arrival order.
@@ -63,6 +71,7 @@ public:
     void process(const QList<Record> &removed, const QList<Record> &updated, int first, int last,
                  const QList<Record> &inserted) override;
     const char *getClassName() const override;
+    void resort() override;
 
 private:
     Q_DISABLE_COPY(IndexSortColumns)

@@ -26,21 +26,24 @@ const int kDigits = (64 + kDigitBits - 1) / kDigitBits;
 const int kBuckets = 1 << kDigitBits;
 
 // Stable sort of `payloads` by `keys` (both rearranged). Digits above the
-// highest bit in which the keys differ cost nothing; the caller subtracts the
-// least key first, so a column of 2000 prices takes one pass.
+// highest bit and below the lowest bit in which the keys differ cost nothing;
+// the caller subtracts the least key first, so a column of 2000 prices takes
+// one pass.
 void radixSort(std::vector<quint64> &keys, std::vector<quint64> &payloads)
 {
     const size_t n = keys.size();
     quint64 all = 0;
     for (const quint64 key : keys)
         all |= key;
+    const int low = all ? __builtin_ctzll(all) : 0;
     int digits = 0;
-    while (digits < kDigits && (all >> (digits * kDigitBits)) != 0)
+    while (digits < kDigits && low + digits * kDigitBits < 64
+           && (all >> (low + digits * kDigitBits)) != 0)
         ++digits;
     std::vector<quint32> counts(size_t(digits) * kBuckets, 0);
     for (const quint64 key : keys) {
         for (int d = 0; d < digits; ++d)
-            ++counts[size_t(d) * kBuckets + ((key >> (d * kDigitBits)) & (kBuckets - 1))];
+            ++counts[size_t(d) * kBuckets + ((key >> (low + d * kDigitBits)) & (kBuckets - 1))];
     }
     // Filled by the first scatter before anything reads them: no zero fill.
     std::unique_ptr<quint64[]> spareKeys;
@@ -48,7 +51,7 @@ void radixSort(std::vector<quint64> &keys, std::vector<quint64> &payloads)
     quint64 *from[2] = { keys.data(), payloads.data() };
     for (int d = 0; d < digits; ++d) {
         quint32 *count = counts.data() + size_t(d) * kBuckets;
-        const int shift = d * kDigitBits;
+        const int shift = low + d * kDigitBits;
         if (count[(keys[0] >> shift) & (kBuckets - 1)] == n)
             continue;
         quint32 start = 0;
@@ -78,6 +81,26 @@ void radixSort(std::vector<quint64> &keys, std::vector<quint64> &payloads)
 }
 
 } // namespace
+
+void ColumnKeySort::sortPairs(std::vector<quint64> &keys, std::vector<quint64> &payloads)
+{
+    if (keys.empty())
+        return;
+    const quint64 least = *std::min_element(keys.cbegin(), keys.cend());
+    for (quint64 &key : keys)
+        key -= least;
+    const auto restore = [&keys, least] {
+        for (quint64 &key : keys)
+            key += least;
+    };
+    try {
+        radixSort(keys, payloads);
+    } catch (...) {
+        restore();
+        throw;
+    }
+    restore();
+}
 
 ColumnKeySort::ColumnKeySort(const QVector<Column> &columns, int expectedRows)
 {

@@ -68,6 +68,11 @@ public:
     // REQUIRES: finish() returned true.
     void sort(std::vector<quint64> &payloads);
 
+    // Sorts `keys` stably, rearranging `payloads` (one per key) alike: a
+    // radix sort that skips the digits every key shares. Throws
+    // std::bad_alloc when its buffers cannot be had (both unchanged then).
+    static void sortPairs(std::vector<quint64> &keys, std::vector<quint64> &payloads);
+
 private:
     struct ColumnKeys
     {

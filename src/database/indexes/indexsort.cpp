@@ -25,6 +25,10 @@ public:
     // What preprocess() found, for the process() of the same batch.
     QList<Record> leaving;
     QVector<int> positions;
+    // The subclass's order key (setOrderKey()), or null.
+    quint64 (*keyOf)(const void *context, const Record &record) = nullptr;
+    const void *keyContext = nullptr;
+    bool keysDecide = false;
 };
 
 namespace {
@@ -321,7 +325,9 @@ void IndexSort::build()
     // the comparison sort rather than fail.
     std::unique_ptr<ColumnKeySort> keys;
     std::vector<quint64> handles;
-    if (typeid(*this) == typeid(IndexSortColumns)) {
+    // An order key that settles equal cells sorts by itself (resort()); a key
+    // of the first column only is completed by the column sort.
+    if (typeid(*this) == typeid(IndexSortColumns) && !(d->keyOf && d->keysDecide)) {
         QVector<ColumnKeySort::Column> columns;
         for (const SortColumn &column : static_cast<IndexSortColumns *>(this)->columns())
             columns.append({ source->columnDef(column.name), column.order == Qt::DescendingOrder });
@@ -366,7 +372,7 @@ void IndexSort::build()
             return;
         }
     }
-    if (!std::is_sorted(list.cbegin(), list.cend(), LessThan(this)))
+    if (d->keyOf || !std::is_sorted(list.cbegin(), list.cend(), LessThan(this)))
         resort();
 }
 
@@ -632,11 +638,73 @@ void IndexSort::process(const QList<Record> &removed, const QList<Record> &allUp
     list.insertSorted(targets, entering);
 }
 
+bool IndexSort::resortByKeys()
+{
+    static_assert(sizeof(Record) == sizeof(quint64) && QTypeInfo<Record>::isRelocatable,
+                  "a Record is one relocatable pointer");
+    const PartitionList<Record> &list = records();
+    const size_t n = size_t(list.count());
+    std::vector<quint64> keys;
+    std::vector<quint64> handles;
+    try {
+        keys.reserve(n);
+        handles.reserve(n);
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+    const auto decides = [this](quint64 key) { return d->keysDecide && (key & 1) == 0; };
+    bool inOrder = true;
+    const Record *previous = nullptr;
+    for (auto it = list.cbegin(), end = list.cend(); it != end; ++it) {
+        const quint64 key = d->keyOf(d->keyContext, *it);
+        inOrder = inOrder
+            && (!previous || keys.back() < key
+                || (keys.back() == key && (decides(key) || compare(*previous, *it) <= 0)));
+        keys.push_back(key);
+        handles.push_back(quint64(quintptr(it->row())));
+        previous = &*it;
+    }
+    if (inOrder)
+        return true;
+    try {
+        ColumnKeySort::sortPairs(keys, handles);
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+    // The handles' bits go back in key order: relocated, each reference
+    // staying with its row, none counted again (as the build does).
+    PartitionList<Record> &writable = records();
+    auto handle = handles.cbegin();
+    for (auto it = writable.begin(), end = writable.end(); it != end; ++it, ++handle)
+        std::memcpy(static_cast<void *>(&*it), &*handle, sizeof(Record));
+    // Runs of equal keys that do not settle the order are in their old list
+    // order now; a stable sort by compare() completes each.
+    for (size_t first = 0; first < n;) {
+        size_t last = first + 1;
+        while (last < n && keys[last] == keys[first])
+            ++last;
+        if (last - first > 1 && !decides(keys[first])) {
+            auto begin = writable.begin();
+            begin += qint64(first);
+            std::stable_sort(begin, begin + qint64(last - first), LessThan(this));
+        }
+        first = last;
+    }
+    return true;
+}
+
 void IndexSort::resort()
 {
     PartitionList<Record> &list = records();
-    if (list.count() > 1)
+    if (list.count() > 1 && (!d->keyOf || !resortByKeys()))
         ConcurrentSort::stableSortHelper(list.begin(), list.end(), LessThan(this));
     if (IndexObservers *observers = this->observers())
         observers->reset();
+}
+
+void IndexSort::setOrderKey(OrderKeyFunction keyOf, const void *context, bool decide)
+{
+    d->keyOf = keyOf;
+    d->keyContext = context;
+    d->keysDecide = decide && keyOf;
 }

@@ -1,6 +1,7 @@
 #include <database/indexsortcolumns.h>
 
 #include "indexes/cellcompare_p.h"
+#include "indexes/orderkey_p.h"
 #include <database/table.h>
 
 #include <QMessageLogger>
@@ -14,6 +15,47 @@ public:
         bool descending;
     };
     QVector<Key> keys;
+
+    // Decimal cells are keyed at this many decimal places: the largest scale
+    // among the first rows when the list was last sorted (see resort()).
+    int decimalKeyScale = 0;
+
+    // Whether the first key column's type has an order key.
+    bool firstColumnKeyed() const
+    {
+        if (keys.isEmpty())
+            return false;
+        switch (keys.constFirst().column->type) {
+        case FieldType::Integer:
+        case FieldType::Integer64:
+        case FieldType::DateTime:
+        case FieldType::Decimal:
+            return true;
+        default:
+            return false;
+        }
+    }
+
+    // The order key of the first key column's cell (OrderKey).
+    static quint64 orderKey(const void *context, const Record &record)
+    {
+        const Key &key = static_cast<const IndexSortColumnsPrivate *>(context)->keys.constFirst();
+        const unsigned char *row = record.row();
+        if (!row || !CellCompare::isPresent(row, key.column))
+            return OrderKey::nullKey(key.descending);
+        const qint64 offset = key.column->offset;
+        switch (key.column->type) {
+        case FieldType::Integer:
+            return OrderKey::ofInteger(CellCompare::cellValue<qint32>(row, offset), key.descending);
+        case FieldType::Decimal:
+            return OrderKey::ofDecimal(
+                CellCompare::cellValue<quint64>(row, offset),
+                static_cast<const IndexSortColumnsPrivate *>(context)->decimalKeyScale,
+                key.descending);
+        default:
+            return OrderKey::ofInteger(CellCompare::cellValue<qint64>(row, offset), key.descending);
+        }
+    }
 
     // Whether a batch changing columns first..last (-1: open end) can
     // change any key cell.
@@ -41,6 +83,8 @@ IndexSortColumns::IndexSortColumns(Table *table, const QVector<SortColumn> &colu
         }
         d->keys.append({ column, sortColumn.order == Qt::DescendingOrder });
     }
+    if (d->firstColumnKeyed())
+        setOrderKey(&IndexSortColumnsPrivate::orderKey, d.data(), d->keys.size() == 1);
 }
 
 IndexSortColumns::IndexSortColumns(Table *table, const QString &column, Qt::SortOrder order,
@@ -80,6 +124,27 @@ int IndexSortColumns::compare(const Record &first, const Record &second) const
             return key.descending ? -c : c;
     }
     return 0;
+}
+
+void IndexSortColumns::resort()
+{
+    const TableColumnDef *first = d->keys.isEmpty() ? nullptr : d->keys.constFirst().column;
+    if (first && first->type == FieldType::Decimal) {
+        constexpr int sample = 256;
+        int scale = 0;
+        int seen = 0;
+        for (auto it = begin(), end = this->end(); it != end && seen < sample; ++it, ++seen) {
+            const unsigned char *row = it->row();
+            if (!CellCompare::isPresent(row, first))
+                continue;
+            const decimal value
+                = decimal::fromRaw(CellCompare::cellValue<quint64>(row, first->offset));
+            if (!value.isZero())
+                scale = std::max(scale, value.scale());
+        }
+        d->decimalKeyScale = std::min(scale, 18);
+    }
+    IndexSort::resort();
 }
 
 void IndexSortColumns::preprocess(const QList<Record> &removed, const QList<Record> &updated,

@@ -1,6 +1,7 @@
 #include <database/masterindex_integer.h>
 
 #include "indexes/masterkeyrefusals_p.h"
+#include "indexes/orderkey_p.h"
 #include "storage/rowlayout_p.h"
 
 #include <algorithm>
@@ -35,6 +36,13 @@ void MasterIndex_Integer::setup()
     }
     MasterKeyRefusals::refuseNullable(column);
     m_offset = RowLayout::HeaderSize + column->offset;
+    setOrderKey(
+        [](const void *context, const Record &record) {
+            const auto *index = static_cast<const MasterIndex_Integer *>(context);
+            return record.isNull() ? OrderKey::nullKey(false)
+                                   : OrderKey::ofInteger(index->keyOf(record.row()), false);
+        },
+        this, true);
 }
 
 int MasterIndex_Integer::compare(const Record &first, const Record &second) const
