@@ -591,15 +591,23 @@ void IndexSort::process(const QList<Record> &removed, const QList<Record> &allUp
             list.removeRanges(ranges);
     }
 
+    // When only inserted rows enter and all pass filter(), the entering list
+    // is the caller's list, shared: no handle is copied for it.
     QList<Record> entering;
-    entering.reserve(updated.size() + inserted.size());
-    for (const Record &record : updated) {
-        if (filter(record))
-            entering.append(record);
-    }
-    for (const Record &record : inserted) {
-        if (filter(record))
-            entering.append(record);
+    if (updated.isEmpty()
+        && std::all_of(inserted.cbegin(), inserted.cend(),
+                       [this](const Record &record) { return filter(record); })) {
+        entering = inserted;
+    } else {
+        entering.reserve(updated.size() + inserted.size());
+        for (const Record &record : updated) {
+            if (filter(record))
+                entering.append(record);
+        }
+        for (const Record &record : inserted) {
+            if (filter(record))
+                entering.append(record);
+        }
     }
     if (entering.isEmpty())
         return;
