@@ -299,11 +299,16 @@ public:
             const Part *part = m_parts[slot];
             const int begin = slot == firstSlot ? from - m_starts[slot] : 0;
             const T *items = part->m_items;
-            for (int i = begin; i < part->m_count; ++i) {
-                if (items[i] == value)
-                    return m_starts[slot] + i;
-                if (++passed == check) {
-                    if (giveUp(items[i]))
+            // Up to the next check, a search that the library unrolls.
+            for (int i = begin; i < part->m_count;) {
+                const int chunk = int(std::min<qint64>(part->m_count - i, check - passed));
+                const T *hit = std::find(items + i, items + i + chunk, value);
+                if (hit != items + i + chunk)
+                    return m_starts[slot] + int(hit - items);
+                passed += chunk;
+                i += chunk;
+                if (passed == check) {
+                    if (giveUp(items[i - 1]))
                         return -1;
                     check *= 2;
                 }
@@ -325,7 +330,7 @@ public:
     template <typename Pred, typename Touch>
     void partitionPoints(int n, Pred pred, Touch touch, int *points) const
     {
-        constexpr int group = 64;
+        constexpr int group = 32;
         int low[group];
         int high[group];
         const T *items[group];
