@@ -57,16 +57,11 @@ void fill(Table &table, int rows, bool mixedScales, bool nan, bool wide = false)
     }
 }
 
-// The same index under another class and without order keys: built by
-// comparisons alone.
+// The same index under another class: built by comparisons alone.
 class ComparedColumns : public IndexSortColumns
 {
 public:
-    ComparedColumns(Table *table, const QVector<SortColumn> &columns)
-        : IndexSortColumns(table, columns)
-    {
-        setOrderKey(nullptr, nullptr, false);
-    }
+    using IndexSortColumns::IndexSortColumns;
 };
 
 QList<Record> rowsOf(const IndexIterative &index)

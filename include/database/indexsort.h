@@ -49,14 +49,17 @@ class IndexSortPrivate;
 // lock and appends it (one handle copy per row, in master order); rows already
 // in compare() order stay as they are (one pass, no sort), others are sorted
 // stably once: the order that adding them one by one would give, at the cost
-// of one sort instead of a binary insertion each. An IndexSortColumns (exactly
-// that class, whose compare() is known) is sorted by integer keys read once
-// per row instead of row comparisons; a key it cannot express (text, a NaN,
-// decimals of mixed scales in one column) or memory short for the keys falls
-// back on the comparison sort. It does not go through add().
+// of one sort instead of a binary insertion each. An index whose order key
+// settles equal keys (setOrderKey(); MasterIndex_Integer, and IndexSortColumns
+// over one integer, timestamp or decimal column) sorts by a radix sort of
+// keys read once per row. Any other IndexSortColumns (exactly that class,
+// whose compare() is known) is sorted by integer keys of all its columns; a
+// key it cannot express (text, a NaN, decimals of mixed scales in one column)
+// or memory short for the keys falls back on the comparison sort. It does not
+// go through add().
 //
-// Threads: as IndexList; resort() sorts on the global thread pool and returns
-// when the sort is complete.
+// Threads: as IndexList; resort() sorts on the global thread pool (by order
+// keys: on the calling thread) and returns when the sort is complete.
 class DATABASE_EXPORT IndexSort : public IndexList
 {
 public:

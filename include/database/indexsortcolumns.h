@@ -45,7 +45,8 @@ Q_DECLARE_METATYPE(SortColumn)
 // column (or a rounded key) must decide. Decimals are keyed at the largest
 // scale among the first 256 rows of the list; a cell of a larger scale gets a
 // rounded key and is ordered by comparison among its ties. The order is the
-// stable comparison order either way.
+// stable comparison order either way. A subclass (which may override
+// compare()) sorts by comparison alone.
 //
 // Construction: the key columns are resolved once, by name. A name the table
 // does not have is reported with a warning and left out of the key; with no

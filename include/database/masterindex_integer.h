@@ -34,6 +34,9 @@
 // unevenly spread keys cost at most about twice a binary search's reads.
 // The result is the same position as IndexSort::search() finds.
 //
+// Sorting: resort() (a build, a load of rows out of order) sorts by a radix
+// sort of the key values (IndexSort::setOrderKey()), reading each row once.
+//
 // The cell's position is read once at construction: a table adds columns after
 // the existing ones, so it does not move.
 //

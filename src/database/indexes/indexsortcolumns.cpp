@@ -6,6 +6,9 @@
 
 #include <QMessageLogger>
 
+#include <algorithm>
+#include <typeinfo>
+
 class IndexSortColumnsPrivate
 {
 public:
@@ -128,6 +131,10 @@ int IndexSortColumns::compare(const Record &first, const Record &second) const
 
 void IndexSortColumns::resort()
 {
+    // A subclass may order otherwise than the key columns say: its rows are
+    // sorted by its compare() alone.
+    if (typeid(*this) != typeid(IndexSortColumns))
+        setOrderKey(nullptr, nullptr, false);
     const TableColumnDef *first = d->keys.isEmpty() ? nullptr : d->keys.constFirst().column;
     if (first && first->type == FieldType::Decimal) {
         constexpr int sample = 256;
