@@ -39,10 +39,11 @@ Q_DECLARE_METATYPE(SortColumn)
 // last placement. Otherwise, and always while the index has observers (an
 // item model must hear of every updated row), batches are IndexSort's.
 //
-// Sorting: resort() (and build()) orders by a 64-bit key of the first key
-// column when it is Integer, Integer64, DateTime or Decimal: a radix sort of
-// keys read once per row, rows compared only where keys tie and another key
-// column (or a rounded key) must decide. Decimals are keyed at the largest
+// Sorting: with one key column of type Integer, Integer64, DateTime or
+// Decimal, resort() (and build()) orders by a 64-bit key of its cells: a
+// radix sort of keys read once per row, rows compared only where two rounded
+// keys tie. With more key columns a build sorts by integer keys of all of
+// them and a resort compares rows (IndexSort). Decimals are keyed at the largest
 // scale among the first 256 rows of the list; a cell of a larger scale gets a
 // rounded key and is ordered by comparison among its ties. The order is the
 // stable comparison order either way. A subclass (which may override

@@ -111,6 +111,18 @@ private:
     IndexObserver::Batch m_batch;
 };
 
+// Puts the handles' bits (a Record is its row pointer) back into the list in
+// their new order: relocated, each reference staying with its row, none
+// counted again. REQUIRES: the same handles as the list holds, as many.
+void relocateHandles(PartitionList<Record> &list, const std::vector<quint64> &handles)
+{
+    static_assert(sizeof(Record) == sizeof(quint64) && QTypeInfo<Record>::isRelocatable,
+                  "a Record is one relocatable pointer");
+    auto handle = handles.cbegin();
+    for (auto it = list.begin(), end = list.end(); it != end; ++it, ++handle)
+        std::memcpy(static_cast<void *>(&*it), &*handle, sizeof(Record));
+}
+
 } // namespace
 
 IndexSort::IndexSort(Table *table, bool registered)
@@ -325,9 +337,8 @@ void IndexSort::build()
     // the comparison sort rather than fail.
     std::unique_ptr<ColumnKeySort> keys;
     std::vector<quint64> handles;
-    // An order key that settles equal cells sorts by itself (resort()); a key
-    // of the first column only is completed by the column sort.
-    if (typeid(*this) == typeid(IndexSortColumns) && !(d->keyOf && d->keysDecide)) {
+    // An index with an order key sorts by it (resort()).
+    if (typeid(*this) == typeid(IndexSortColumns) && !d->keyOf) {
         QVector<ColumnKeySort::Column> columns;
         for (const SortColumn &column : static_cast<IndexSortColumns *>(this)->columns())
             columns.append({ source->columnDef(column.name), column.order == Qt::DescendingOrder });
@@ -342,11 +353,8 @@ void IndexSort::build()
     }
     // Each handle is copied once, into the list, in master order: the
     // reference counts are touched row after row, not at random. With keys,
-    // the handles' bits (a Record is its row pointer) travel through the key
-    // sort and are put back in key order: relocated, each reference staying
-    // with its row, none counted again.
-    static_assert(sizeof(Record) == sizeof(quint64) && QTypeInfo<Record>::isRelocatable,
-                  "a Record is one relocatable pointer");
+    // the handles' bits travel through the key sort and are put back in key
+    // order (relocateHandles()).
     PartitionList<Record> &list = records();
     for (auto it = master->begin(), end = master->end(); it != end; ++it) {
         if (!filter(*it))
@@ -366,9 +374,7 @@ void IndexSort::build()
             keys.reset();
         }
         if (keys) {
-            auto handle = handles.cbegin();
-            for (auto it = list.begin(), end = list.end(); it != end; ++it, ++handle)
-                std::memcpy(static_cast<void *>(&*it), &*handle, sizeof(Record));
+            relocateHandles(list, handles);
             return;
         }
     }
@@ -648,8 +654,6 @@ void IndexSort::process(const QList<Record> &removed, const QList<Record> &allUp
 
 bool IndexSort::resortByKeys()
 {
-    static_assert(sizeof(Record) == sizeof(quint64) && QTypeInfo<Record>::isRelocatable,
-                  "a Record is one relocatable pointer");
     const PartitionList<Record> &list = records();
     const size_t n = size_t(list.count());
     std::vector<quint64> keys;
@@ -679,12 +683,8 @@ bool IndexSort::resortByKeys()
     } catch (const std::bad_alloc &) {
         return false;
     }
-    // The handles' bits go back in key order: relocated, each reference
-    // staying with its row, none counted again (as the build does).
     PartitionList<Record> &writable = records();
-    auto handle = handles.cbegin();
-    for (auto it = writable.begin(), end = writable.end(); it != end; ++it, ++handle)
-        std::memcpy(static_cast<void *>(&*it), &*handle, sizeof(Record));
+    relocateHandles(writable, handles);
     // Runs of equal keys that do not settle the order are in their old list
     // order now; a stable sort by compare() completes each.
     for (size_t first = 0; first < n;) {

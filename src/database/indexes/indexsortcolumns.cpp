@@ -86,8 +86,10 @@ IndexSortColumns::IndexSortColumns(Table *table, const QVector<SortColumn> &colu
         }
         d->keys.append({ column, sortColumn.order == Qt::DescendingOrder });
     }
-    if (d->firstColumnKeyed())
-        setOrderKey(&IndexSortColumnsPrivate::orderKey, d.data(), d->keys.size() == 1);
+    // With more key columns the build's column sort orders them all, and a
+    // resort compares rows on all threads.
+    if (d->keys.size() == 1 && d->firstColumnKeyed())
+        setOrderKey(&IndexSortColumnsPrivate::orderKey, d.data(), true);
 }
 
 IndexSortColumns::IndexSortColumns(Table *table, const QString &column, Qt::SortOrder order,
