@@ -49,10 +49,10 @@ class IndexSortPrivate;
 // lock and appends it (one handle copy per row, in master order); rows already
 // in compare() order stay as they are (one pass, no sort), others are sorted
 // stably once: the order that adding them one by one would give, at the cost
-// of one sort instead of a binary insertion each. An index whose order key
-// settles equal keys (setOrderKey(); MasterIndex_Integer, and IndexSortColumns
-// over one integer, timestamp or decimal column) sorts by a radix sort of
-// keys read once per row. Any other IndexSortColumns (exactly that class,
+// of one sort instead of a binary insertion each. An index with an order key
+// (setOrderKey(); MasterIndex_Integer, and IndexSortColumns over one integer,
+// timestamp or decimal column) sorts by a radix sort of keys read once per
+// row. Any other IndexSortColumns (exactly that class,
 // whose compare() is known) is sorted by integer keys of all its columns; a
 // key it cannot express (text, a NaN, decimals of mixed scales in one column)
 // or memory short for the keys falls back on the comparison sort. It does not
@@ -135,17 +135,18 @@ protected:
     // An order key: a 64-bit integer per row that orders as compare() does
     // wherever it differs. Contract, for the subclass to keep:
     //  1. compare(a, b) < 0 implies keyOf(a) <= keyOf(b);
-    //  2. with `decide`, equal even keys imply compare() == 0 (an odd key is
-    //     one that had to round, and an equal one settles nothing);
+    //  2. equal even keys imply compare() == 0; an odd key is one that had to
+    //     round, and an equal one settles nothing (a key that can never
+    //     settle equality is always odd);
     //  3. keyOf() reads what compare() reads, nothing else, and may run on
     //     any thread.
     // `context` is passed to keyOf() and must live as long as the index.
     using OrderKeyFunction = quint64 (*)(const void *context, const Record &record);
     // Gives resort() (and so build()) the order key: it then sorts by a radix
     // sort of the keys, reading each row once, and compares rows only within
-    // runs of equal keys that do not decide. The result is the same stable
-    // order. A null function goes back to the comparison sort.
-    void setOrderKey(OrderKeyFunction keyOf, const void *context, bool decide);
+    // runs of equal odd keys. The result is the same stable order. A null
+    // function goes back to the comparison sort.
+    void setOrderKey(OrderKeyFunction keyOf, const void *context);
 
 private:
     Q_DISABLE_COPY(IndexSort)

@@ -28,7 +28,6 @@ public:
     // The subclass's order key (setOrderKey()), or null.
     quint64 (*keyOf)(const void *context, const Record &record) = nullptr;
     const void *keyContext = nullptr;
-    bool keysDecide = false;
 };
 
 namespace {
@@ -664,7 +663,7 @@ bool IndexSort::resortByKeys()
     } catch (const std::bad_alloc &) {
         return false;
     }
-    const auto decides = [this](quint64 key) { return d->keysDecide && (key & 1) == 0; };
+    const auto decides = [](quint64 key) { return (key & 1) == 0; };
     bool inOrder = true;
     const Record *previous = nullptr;
     for (auto it = list.cbegin(), end = list.cend(); it != end; ++it) {
@@ -710,9 +709,8 @@ void IndexSort::resort()
         observers->reset();
 }
 
-void IndexSort::setOrderKey(OrderKeyFunction keyOf, const void *context, bool decide)
+void IndexSort::setOrderKey(OrderKeyFunction keyOf, const void *context)
 {
     d->keyOf = keyOf;
     d->keyContext = context;
-    d->keysDecide = decide && keyOf;
 }

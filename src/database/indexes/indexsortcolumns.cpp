@@ -89,7 +89,7 @@ IndexSortColumns::IndexSortColumns(Table *table, const QVector<SortColumn> &colu
     // With more key columns the build's column sort orders them all, and a
     // resort compares rows on all threads.
     if (d->keys.size() == 1 && d->firstColumnKeyed())
-        setOrderKey(&IndexSortColumnsPrivate::orderKey, d.data(), true);
+        setOrderKey(&IndexSortColumnsPrivate::orderKey, d.data());
 }
 
 IndexSortColumns::IndexSortColumns(Table *table, const QString &column, Qt::SortOrder order,
@@ -136,7 +136,7 @@ void IndexSortColumns::resort()
     // A subclass may order otherwise than the key columns say: its rows are
     // sorted by its compare() alone.
     if (typeid(*this) != typeid(IndexSortColumns))
-        setOrderKey(nullptr, nullptr, false);
+        setOrderKey(nullptr, nullptr);
     const TableColumnDef *first = d->keys.isEmpty() ? nullptr : d->keys.constFirst().column;
     if (first && first->type == FieldType::Decimal) {
         constexpr int sample = 256;

@@ -42,7 +42,7 @@ void MasterIndex_Integer::setup()
             return record.isNull() ? OrderKey::nullKey(false)
                                    : OrderKey::ofInteger(index->keyOf(record.row()), false);
         },
-        this, true);
+        this);
 }
 
 int MasterIndex_Integer::compare(const Record &first, const Record &second) const
