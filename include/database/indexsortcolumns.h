@@ -44,7 +44,8 @@ Q_DECLARE_METATYPE(SortColumn)
 // radix sort of keys read once per row, rows compared only where two rounded
 // keys tie. With more key columns a build sorts by integer keys of all of
 // them and a resort compares rows (IndexSort). Decimals are keyed at the largest
-// scale among the first 256 rows of the list; a cell of a larger scale gets a
+// scale among the first 256 rows of the list (for a build: of the master
+// index, since the build reads each key as it takes the row); a cell of a larger scale gets a
 // rounded key and is ordered by comparison among its ties. The order is the
 // stable comparison order either way. A subclass (which may override
 // compare()) sorts by comparison alone.
@@ -73,6 +74,7 @@ public:
     void process(const QList<Record> &removed, const QList<Record> &updated, int first, int last,
                  const QList<Record> &inserted) override;
     const char *getClassName() const override;
+    void build() override;
     void resort() override;
 
 private:

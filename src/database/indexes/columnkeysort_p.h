@@ -84,7 +84,8 @@ private:
         // the rows holding a zero, keyed once that scale is known.
         int scale = -1;
         std::vector<quint32> zeros;
-        // The least key of a present cell, subtracted before the sort.
+        // The least key of a present cell. A null cell takes it, so that nulls
+        // do not widen the bits the sort has to pass over.
         quint64 least;
     };
     int compareRows(quint32 a, quint32 b) const;

@@ -122,6 +122,47 @@ void relocateHandles(PartitionList<Record> &list, const std::vector<quint64> &ha
         std::memcpy(static_cast<void *>(&*it), &*handle, sizeof(Record));
 }
 
+// Puts the list into the order of its elements' order keys (IndexSort::
+// setOrderKey()): `keys` and `handles` hold each element's key and bits, in
+// list order, and are used up. Runs of equal odd keys keep their list order
+// through the radix sort and are then sorted stably by compare(). False when
+// memory for the sort is short (then the list is unchanged).
+bool placeByKeys(const IndexSort &index, PartitionList<Record> &list, std::vector<quint64> &keys,
+                 std::vector<quint64> &handles)
+{
+    const size_t n = keys.size();
+    const auto decides = [](quint64 key) { return (key & 1) == 0; };
+    bool inOrder = true;
+    auto previous = list.cbegin();
+    for (size_t i = 1; i < n && inOrder; ++i) {
+        const auto current = previous + 1;
+        inOrder = keys[i - 1] < keys[i]
+            || (keys[i - 1] == keys[i]
+                && (decides(keys[i]) || index.compare(*previous, *current) <= 0));
+        previous = current;
+    }
+    if (inOrder)
+        return true;
+    try {
+        ColumnKeySort::sortPairs(keys, handles);
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+    relocateHandles(list, handles);
+    for (size_t first = 0; first < n;) {
+        size_t last = first + 1;
+        while (last < n && keys[last] == keys[first])
+            ++last;
+        if (last - first > 1 && !decides(keys[first])) {
+            auto begin = list.begin();
+            begin += qint64(first);
+            std::stable_sort(begin, begin + qint64(last - first), IndexSort::LessThan(&index));
+        }
+        first = last;
+    }
+    return true;
+}
+
 } // namespace
 
 IndexSort::IndexSort(Table *table, bool registered)
@@ -331,54 +372,70 @@ void IndexSort::build()
         return;
     IndexResetScope resetting(observers());
     clear();
-    // A column index orders by keys read once per row; any other by compare().
+    // An index with an order key sorts by it; a multi-column index (exactly
+    // IndexSortColumns) by the keys of its columns; any other by compare().
     // The keys need memory of their own: without it the build falls back on
     // the comparison sort rather than fail.
-    std::unique_ptr<ColumnKeySort> keys;
+    std::unique_ptr<ColumnKeySort> columnKeys;
+    std::vector<quint64> orderKeys;
     std::vector<quint64> handles;
-    // An index with an order key sorts by it (resort()).
-    if (typeid(*this) == typeid(IndexSortColumns) && !d->keyOf) {
+    bool keyed = d->keyOf != nullptr;
+    if (keyed) {
+        try {
+            orderKeys.reserve(size_t(master->count()));
+            handles.reserve(size_t(master->count()));
+        } catch (const std::bad_alloc &) {
+            keyed = false;
+        }
+    } else if (typeid(*this) == typeid(IndexSortColumns)) {
         QVector<ColumnKeySort::Column> columns;
         for (const SortColumn &column : static_cast<IndexSortColumns *>(this)->columns())
             columns.append({ source->columnDef(column.name), column.order == Qt::DescendingOrder });
         try {
-            keys.reset(new ColumnKeySort(columns, master->count()));
+            columnKeys.reset(new ColumnKeySort(columns, master->count()));
             handles.reserve(size_t(master->count()));
         } catch (const std::bad_alloc &) {
-            keys.reset();
+            columnKeys.reset();
         }
-        if (keys && !keys->usable())
-            keys.reset();
+        if (columnKeys && !columnKeys->usable())
+            columnKeys.reset();
     }
     // Each handle is copied once, into the list, in master order: the
-    // reference counts are touched row after row, not at random. With keys,
-    // the handles' bits travel through the key sort and are put back in key
-    // order (relocateHandles()).
+    // reference counts are touched row after row, not at random, and each
+    // row's key is read while the row is at hand. With keys, the handles'
+    // bits travel through the key sort and are put back in key order
+    // (relocateHandles()).
     PartitionList<Record> &list = records();
     for (auto it = master->begin(), end = master->end(); it != end; ++it) {
         if (!filter(*it))
             continue;
         list.append(*it);
-        if (keys) {
-            keys->add(it->row());
+        if (keyed) {
+            orderKeys.push_back(d->keyOf(d->keyContext, *it));
+            handles.push_back(quint64(quintptr(it->row())));
+        } else if (columnKeys) {
+            columnKeys->add(it->row());
             handles.push_back(quint64(quintptr(it->row())));
         }
     }
-    if (keys && keys->finish()) {
-        if (keys->inOrder())
+    if (keyed) {
+        if (placeByKeys(*this, list, orderKeys, handles))
+            return;
+    } else if (columnKeys && columnKeys->finish()) {
+        if (columnKeys->inOrder())
             return;
         try {
-            keys->sort(handles);
+            columnKeys->sort(handles);
         } catch (const std::bad_alloc &) {
-            keys.reset();
+            columnKeys.reset();
         }
-        if (keys) {
+        if (columnKeys) {
             relocateHandles(list, handles);
             return;
         }
     }
-    if (d->keyOf || !std::is_sorted(list.cbegin(), list.cend(), LessThan(this)))
-        resort();
+    if (!std::is_sorted(list.cbegin(), list.cend(), LessThan(this)))
+        ConcurrentSort::stableSortHelper(list.begin(), list.end(), LessThan(this));
 }
 
 void IndexSort::add(const Record &record)
@@ -653,7 +710,7 @@ void IndexSort::process(const QList<Record> &removed, const QList<Record> &allUp
 
 bool IndexSort::resortByKeys()
 {
-    const PartitionList<Record> &list = records();
+    PartitionList<Record> &list = records();
     const size_t n = size_t(list.count());
     std::vector<quint64> keys;
     std::vector<quint64> handles;
@@ -663,41 +720,11 @@ bool IndexSort::resortByKeys()
     } catch (const std::bad_alloc &) {
         return false;
     }
-    const auto decides = [](quint64 key) { return (key & 1) == 0; };
-    bool inOrder = true;
-    const Record *previous = nullptr;
     for (auto it = list.cbegin(), end = list.cend(); it != end; ++it) {
-        const quint64 key = d->keyOf(d->keyContext, *it);
-        inOrder = inOrder
-            && (!previous || keys.back() < key
-                || (keys.back() == key && (decides(key) || compare(*previous, *it) <= 0)));
-        keys.push_back(key);
+        keys.push_back(d->keyOf(d->keyContext, *it));
         handles.push_back(quint64(quintptr(it->row())));
-        previous = &*it;
     }
-    if (inOrder)
-        return true;
-    try {
-        ColumnKeySort::sortPairs(keys, handles);
-    } catch (const std::bad_alloc &) {
-        return false;
-    }
-    PartitionList<Record> &writable = records();
-    relocateHandles(writable, handles);
-    // Runs of equal keys that do not settle the order are in their old list
-    // order now; a stable sort by compare() completes each.
-    for (size_t first = 0; first < n;) {
-        size_t last = first + 1;
-        while (last < n && keys[last] == keys[first])
-            ++last;
-        if (last - first > 1 && !decides(keys[first])) {
-            auto begin = writable.begin();
-            begin += qint64(first);
-            std::stable_sort(begin, begin + qint64(last - first), LessThan(this));
-        }
-        first = last;
-    }
-    return true;
+    return placeByKeys(*this, list, keys, handles);
 }
 
 void IndexSort::resort()

@@ -2,6 +2,7 @@
 
 #include "indexes/cellcompare_p.h"
 #include "indexes/orderkey_p.h"
+#include <database/masterindex.h>
 #include <database/table.h>
 
 #include <QMessageLogger>
@@ -22,6 +23,9 @@ public:
     // Decimal cells are keyed at this many decimal places: the largest scale
     // among the first rows when the list was last sorted (see resort()).
     int decimalKeyScale = 0;
+
+    void sampleDecimalKeyScale(PartitionList<Record>::const_iterator it,
+                               PartitionList<Record>::const_iterator end);
 
     // Whether the first key column's type has an order key.
     bool firstColumnKeyed() const
@@ -131,28 +135,48 @@ int IndexSortColumns::compare(const Record &first, const Record &second) const
     return 0;
 }
 
+// Decimal cells are keyed at the largest scale among the first rows of
+// [it, end): the rows about to be sorted, or the master index's before a build.
+void IndexSortColumnsPrivate::sampleDecimalKeyScale(PartitionList<Record>::const_iterator it,
+                                                    PartitionList<Record>::const_iterator end)
+{
+    const TableColumnDef *first = keys.isEmpty() ? nullptr : keys.constFirst().column;
+    if (!first || first->type != FieldType::Decimal)
+        return;
+    constexpr int sample = 256;
+    int scale = 0;
+    for (int seen = 0; it != end && seen < sample; ++it, ++seen) {
+        const unsigned char *row = it->row();
+        if (!CellCompare::isPresent(row, first))
+            continue;
+        const decimal value = decimal::fromRaw(CellCompare::cellValue<quint64>(row, first->offset));
+        if (!value.isZero())
+            scale = std::max(scale, value.scale());
+    }
+    decimalKeyScale = std::min(scale, 18);
+}
+
+void IndexSortColumns::build()
+{
+    // The build reads each row's key as it takes the row from the master
+    // index, so the key scale comes from the master's first rows.
+    if (typeid(*this) != typeid(IndexSortColumns)) {
+        setOrderKey(nullptr, nullptr);
+    } else if (const Table *source = table()) {
+        TableLocker locker(source);
+        if (const MasterIndex *master = source->masterIndex())
+            d->sampleDecimalKeyScale(master->begin(), master->end());
+    }
+    IndexSort::build();
+}
+
 void IndexSortColumns::resort()
 {
     // A subclass may order otherwise than the key columns say: its rows are
     // sorted by its compare() alone.
     if (typeid(*this) != typeid(IndexSortColumns))
         setOrderKey(nullptr, nullptr);
-    const TableColumnDef *first = d->keys.isEmpty() ? nullptr : d->keys.constFirst().column;
-    if (first && first->type == FieldType::Decimal) {
-        constexpr int sample = 256;
-        int scale = 0;
-        int seen = 0;
-        for (auto it = begin(), end = this->end(); it != end && seen < sample; ++it, ++seen) {
-            const unsigned char *row = it->row();
-            if (!CellCompare::isPresent(row, first))
-                continue;
-            const decimal value
-                = decimal::fromRaw(CellCompare::cellValue<quint64>(row, first->offset));
-            if (!value.isZero())
-                scale = std::max(scale, value.scale());
-        }
-        d->decimalKeyScale = std::min(scale, 18);
-    }
+    d->sampleDecimalKeyScale(begin(), end());
     IndexSort::resort();
 }
 
