@@ -1,8 +1,10 @@
 // The table object: change brackets (also from several threads), the order in
 // which indexes learn of changes, the index registry, dependent-index
-// forwarding and the rebuilding of a table's indexes.
+// forwarding, the rebuilding of a table's indexes and the slabs that loaded
+// rows are carved from.
 
 #include "indexchecker.h"
+#include "storage/rowslab_p.h"
 #include "storage/tabletesting_p.h"
 #include "testsupport.h"
 #include "transfixture.h"
@@ -74,6 +76,7 @@ private Q_SLOTS:
     void dependBaseRebuildHandover();
     void rebuilder();
     void bracketsFromSeveralThreads();
+    void rowSlabs();
 };
 
 // The base operations that the index family inherits, called on the double
@@ -518,6 +521,66 @@ void tst_Table::bracketsFromSeveralThreads()
     const Model end = modelOf(q.table);
     for (int w = 0; w < kWriters; ++w)
         QCOMPARE(end.value(w * 1000 + kKeysPerWriter - 1).qty, kRounds - 1);
+}
+
+// Rows carved from slabs live and die as rows of their own do: freed in any
+// order and on any thread, copied into blocks of their own, moved out of
+// their slab when the table grows a column. The sanitizer builds catch a slab
+// freed early (use after free) or never (leak).
+void tst_Table::rowSlabs()
+{
+    Table table("S");
+    table.addColumn("id", FieldType::Integer, 0, false);
+    table.addColumn("name", FieldType::VarChar, 40);
+    table.setMasterIndex(new MasterIndex_Integer(&table, "id"));
+    constexpr int rows = 40000; // several slabs
+    QList<Record> loaded;
+    {
+        RowSlabAllocator slabs(&table);
+        for (int i = 0; i < rows; ++i) {
+            unsigned char *block = slabs.allocRow();
+            QVERIFY(block && RowSlabAllocator::inSlab(block));
+            table.dataPtr(block, 0).set(i);
+            table.dataPtr(block, 1) = QStringLiteral("row %1").arg(i);
+            loaded.append(Record(block));
+        }
+    }
+    table.appendList(loaded);
+
+    // A copy is a block of its own.
+    unsigned char *copy = table.cloneRow(loaded.at(7).row());
+    QVERIFY(!RowSlabAllocator::inSlab(copy));
+    table.freeRow(copy);
+
+    // The even rows leave the table and die on another thread.
+    QList<Record> elsewhere;
+    for (int i = 0; i < rows; i += 2)
+        elsewhere.append(loaded.at(i));
+    loaded.clear();
+    for (const Record &record : qAsConst(elsewhere))
+        QVERIFY(table.remove(record, -1));
+    QThread *dropper = QThread::create([&elsewhere] { elsewhere.clear(); });
+    dropper->start();
+    QVERIFY(dropper->wait(60000));
+    delete dropper;
+
+    // Growing the table moves slab rows into blocks of their own, values kept.
+    table.addColumn("extra", FieldType::Integer);
+    QCOMPARE(table.rowCount(), rows - rows / 2);
+    for (auto it = table.masterIndex()->begin(); it != table.masterIndex()->end(); ++it) {
+        QVERIFY(!RowSlabAllocator::inSlab(it->row()));
+        QCOMPARE(it->data(1).toString(), QStringLiteral("row %1").arg(it->data(0).get<qint32>()));
+    }
+
+    // A row too large to share a slab gets a block of its own.
+    Table wide("W");
+    for (int column = 0; column < 9; ++column)
+        wide.addColumn(QStringLiteral("text%1").arg(column), FieldType::VarChar,
+                       FieldType::MaxStringLength);
+    RowSlabAllocator slabs(&wide);
+    unsigned char *big = slabs.allocRow();
+    QVERIFY(big && !RowSlabAllocator::inSlab(big));
+    wide.freeRow(big);
 }
 
 QTEST_GUILESS_MAIN(tst_Table)

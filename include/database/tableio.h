@@ -314,7 +314,8 @@ public:
                             unsigned char *src);
 
     // Bytes held by the table's rows (each row block as the heap allocates it:
-    // rowSize plus the allocator's header, rounded to its granule) and
+    // rowSize plus the allocator's header, rounded to its granule; rows loaded
+    // from a file share larger blocks and take a little less) and
     // by the record lists of its indexes (the master index and the listed
     // ones): list indexes report their parts' capacity (IndexList::memoryUsage);
     // other iterable indexes are estimated from their row count as if filled by

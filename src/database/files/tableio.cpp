@@ -1,6 +1,7 @@
 #include <database/tableio.h>
 
 #include "storage/rowlayout_p.h"
+#include "storage/rowslab_p.h"
 
 #include <database/core/icore.h>
 #include <database/deflatedevice.h>
@@ -898,6 +899,9 @@ bool TableIO::load(FilterProgress &progress, QDataStream &stream, bool addColumn
     // The rows are staged in the batches the table takes them in: each
     // handle is made once and handed on without further copies.
     QList<QList<Record>> staged;
+    // The rows come from slabs: a load makes them all at once, and a table
+    // replaced by the next load frees them all at once.
+    RowSlabAllocator slabs(layout);
     qint64 stagedRows = 0;
     int loaded = 0;
     try {
@@ -913,7 +917,7 @@ bool TableIO::load(FilterProgress &progress, QDataStream &stream, bool addColumn
                 break;
             if (allocationBudget >= 0 && stagedRows >= allocationBudget)
                 throw std::bad_alloc();
-            unsigned char *row = layout->allocRow();
+            unsigned char *row = slabs.allocRow();
             if (!row)
                 throw std::bad_alloc();
             if (inPlace) {

@@ -4,14 +4,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <new>
-
-#if defined(__linux__)
-#include <sys/mman.h>
-#endif
 
 namespace {
 
@@ -27,50 +21,11 @@ template <typename T> T cellValue(const unsigned char *row, const TableColumnDef
 
 // Radix digits of 8 bits. A pass scatters its elements to one place per
 // bucket at once; with 256 buckets those places (and their pages) stay in the
-// caches and the TLB, which at 2048 they did not: more passes, each far
-// cheaper. A digit that every key shares costs no pass at all.
+// caches and the TLB, which at 2048 they did not: more passes, each cheaper.
+// A digit that every key shares costs no pass at all.
 const int kDigitBits = 8;
 const int kDigits = (64 + kDigitBits - 1) / kDigitBits;
 const int kBuckets = 1 << kDigitBits;
-
-// Scratch space for the radix passes, uninitialised. Large buffers ask the
-// system for huge pages where it offers them, so that the scattered writes of
-// a pass need few page translations.
-class ScratchBuffer
-{
-public:
-    explicit ScratchBuffer(size_t count)
-    {
-        const size_t bytes = count * sizeof(quint64);
-#if defined(__linux__) && defined(MADV_HUGEPAGE)
-        constexpr size_t hugePage = size_t(2) << 20;
-        if (bytes >= 2 * hugePage) {
-            const size_t rounded = (bytes + hugePage - 1) / hugePage * hugePage;
-            m_data = static_cast<quint64 *>(std::aligned_alloc(hugePage, rounded));
-            if (m_data)
-                madvise(m_data, rounded, MADV_HUGEPAGE);
-        }
-#endif
-        if (!m_data)
-            m_data = static_cast<quint64 *>(std::malloc(std::max<size_t>(bytes, 1)));
-        if (!m_data)
-            throw std::bad_alloc();
-    }
-    ~ScratchBuffer()
-    {
-        std::free(m_data);
-    }
-    ScratchBuffer(const ScratchBuffer &) = delete;
-    ScratchBuffer &operator=(const ScratchBuffer &) = delete;
-
-    quint64 *data() const
-    {
-        return m_data;
-    }
-
-private:
-    quint64 *m_data = nullptr;
-};
 
 // Stable sort of `payloads` by `keys` (both rearranged). Only the bits in
 // which some key differs from the first one get passes: the bits above and
@@ -95,9 +50,9 @@ void radixSort(std::vector<quint64> &keys, std::vector<quint64> &payloads)
         for (int d = 0; d < digits; ++d)
             ++counts[size_t(d) * kBuckets + ((key >> (low + d * kDigitBits)) & (kBuckets - 1))];
     }
-    // Filled by the first scatter before anything reads them.
-    std::unique_ptr<ScratchBuffer> spareKeys;
-    std::unique_ptr<ScratchBuffer> sparePayloads;
+    // Filled by the first scatter before anything reads them: no zero fill.
+    std::unique_ptr<quint64[]> spareKeys;
+    std::unique_ptr<quint64[]> sparePayloads;
     quint64 *from[2] = { keys.data(), payloads.data() };
     for (int d = 0; d < digits; ++d) {
         quint32 *count = counts.data() + size_t(d) * kBuckets;
@@ -111,11 +66,11 @@ void radixSort(std::vector<quint64> &keys, std::vector<quint64> &payloads)
             start += c;
         }
         if (!spareKeys) {
-            spareKeys.reset(new ScratchBuffer(n));
-            sparePayloads.reset(new ScratchBuffer(n));
+            spareKeys.reset(new quint64[n]);
+            sparePayloads.reset(new quint64[n]);
         }
-        quint64 *to[2] = { from[0] == keys.data() ? spareKeys->data() : keys.data(),
-                           from[1] == payloads.data() ? sparePayloads->data() : payloads.data() };
+        quint64 *to[2] = { from[0] == keys.data() ? spareKeys.get() : keys.data(),
+                           from[1] == payloads.data() ? sparePayloads.get() : payloads.data() };
         for (size_t i = 0; i < n; ++i) {
             const quint32 place = count[(from[0][i] >> shift) & (kBuckets - 1)]++;
             to[0][place] = from[0][i];

@@ -435,7 +435,7 @@ void IndexSort::build()
         }
     }
     if (!std::is_sorted(list.cbegin(), list.cend(), LessThan(this)))
-        ConcurrentSort::stableSortHelper(list.begin(), list.end(), LessThan(this));
+        resort();
 }
 
 void IndexSort::add(const Record &record)

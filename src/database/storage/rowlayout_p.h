@@ -4,7 +4,8 @@
 // The byte layout of a row block, in one place: not installed.
 //
 //   [0..3]   reference count, int32, changed only atomically
-//   [4..7]   zero padding
+//   [4..7]   allocation marker: 0 for a block of its own from the heap, else
+//            the row's place in a slab (RowSlabAllocator)
 //   [8..15]  Table* of the table the row was made for
 //   [16 ..]  data area: each cell at its column's offset (Table::rowLength() bytes)
 //   [..]     presence flags, one bit per column (flagOffset/flagMask)
@@ -21,6 +22,7 @@ class Table;
 namespace RowLayout {
 
 constexpr int RefCountOffset = 0;
+constexpr int AllocationOffset = 4;
 constexpr int TableOffset = 8;
 // Bytes before the data area; a multiple of 8, so cells stay 8-byte aligned.
 constexpr int HeaderSize = 16;

@@ -2,6 +2,7 @@
 
 #include "storage/index_p.h"
 #include "storage/rowlayout_p.h"
+#include "storage/rowslab_p.h"
 #include "storage/table_p.h"
 #include "storage/tabletesting_p.h"
 
@@ -192,6 +193,7 @@ unsigned char *Table::cloneRow(const unsigned char *row) const
     std::memcpy(copy, row, size_t(d->rowSize));
     const int zero = 0;
     std::memcpy(copy, &zero, sizeof(zero));
+    RowSlabAllocator::markOwnBlock(copy);
     return copy;
 }
 
@@ -221,7 +223,7 @@ void Table::copyRowContent(unsigned char *dst, const unsigned char *src, int fir
 
 void Table::freeRow(unsigned char *row) const
 {
-    std::free(row);
+    RowSlabAllocator::freeRow(row);
 }
 
 Field Table::dataPtr(const unsigned char *row, int column) const
@@ -305,9 +307,21 @@ void Table::addColumns(const QList<TableColumnDef> &sources)
         const int left = record.releaseWithoutFree();
         if (left != 0)
             qDebug() << "Table::addColumn : Ref count in realloc is " << left;
-        row = static_cast<unsigned char *>(std::realloc(row, size_t(newRowSize)));
-        if (!row)
-            qFatal("Table::addColumn: out of memory while re-laying rows");
+        if (RowSlabAllocator::inSlab(row)) {
+            // A row of a loaded slab cannot grow in place: it moves to a
+            // block of its own.
+            auto *own = static_cast<unsigned char *>(std::malloc(size_t(newRowSize)));
+            if (!own)
+                qFatal("Table::addColumn: out of memory while re-laying rows");
+            std::memcpy(own, row, size_t(d->rowSize));
+            RowSlabAllocator::markOwnBlock(own);
+            RowSlabAllocator::freeRow(row);
+            row = own;
+        } else {
+            row = static_cast<unsigned char *>(std::realloc(row, size_t(newRowSize)));
+            if (!row)
+                qFatal("Table::addColumn: out of memory while re-laying rows");
+        }
         const int oldFlagBytes = flagBytes(oldColumnCount);
         unsigned char *flags = RowLayout::flagArea(row, int(newRowLength));
         std::memmove(flags, RowLayout::flagArea(row, oldRowLength), size_t(oldFlagBytes));
