@@ -30,8 +30,10 @@ const int kBuckets = 1 << kDigitBits;
 // Stable sort of `payloads` by `keys` (both rearranged). Only the bits in
 // which some key differs from the first one get passes: the bits above and
 // below them are shared by every key and order nothing, so 2000 distinct
-// prices take two passes whatever their offset and scale.
-void radixSort(std::vector<quint64> &keys, std::vector<quint64> &payloads)
+// prices take two passes whatever their offset and scale. Without
+// `keepKeys` the keys are left in no particular order: the last pass then
+// moves the payloads alone.
+void radixSort(std::vector<quint64> &keys, std::vector<quint64> &payloads, bool keepKeys)
 {
     const size_t n = keys.size();
     if (n < 2)
@@ -49,6 +51,12 @@ void radixSort(std::vector<quint64> &keys, std::vector<quint64> &payloads)
     for (const quint64 key : keys) {
         for (int d = 0; d < digits; ++d)
             ++counts[size_t(d) * kBuckets + ((key >> (low + d * kDigitBits)) & (kBuckets - 1))];
+    }
+    int lastPass = -1;
+    for (int d = 0; d < digits; ++d) {
+        if (counts[size_t(d) * kBuckets + ((first >> (low + d * kDigitBits)) & (kBuckets - 1))]
+            != n)
+            lastPass = d;
     }
     // Filled by the first scatter before anything reads them: no zero fill.
     std::unique_ptr<quint64[]> spareKeys;
@@ -71,6 +79,12 @@ void radixSort(std::vector<quint64> &keys, std::vector<quint64> &payloads)
         }
         quint64 *to[2] = { from[0] == keys.data() ? spareKeys.get() : keys.data(),
                            from[1] == payloads.data() ? sparePayloads.get() : payloads.data() };
+        if (d == lastPass && !keepKeys) {
+            for (size_t i = 0; i < n; ++i)
+                to[1][count[(from[0][i] >> shift) & (kBuckets - 1)]++] = from[1][i];
+            from[1] = to[1];
+            break;
+        }
         for (size_t i = 0; i < n; ++i) {
             const quint32 place = count[(from[0][i] >> shift) & (kBuckets - 1)]++;
             to[0][place] = from[0][i];
@@ -79,17 +93,18 @@ void radixSort(std::vector<quint64> &keys, std::vector<quint64> &payloads)
         from[0] = to[0];
         from[1] = to[1];
     }
-    if (from[0] != keys.data()) {
+    if (keepKeys && from[0] != keys.data())
         std::copy(from[0], from[0] + n, keys.begin());
+    if (from[1] != payloads.data())
         std::copy(from[1], from[1] + n, payloads.begin());
-    }
 }
 
 } // namespace
 
-void ColumnKeySort::sortPairs(std::vector<quint64> &keys, std::vector<quint64> &payloads)
+void ColumnKeySort::sortPairs(std::vector<quint64> &keys, std::vector<quint64> &payloads,
+                              KeysAfter keysAfter)
 {
-    radixSort(keys, payloads);
+    radixSort(keys, payloads, keysAfter == KeysAfter::Sorted);
 }
 
 ColumnKeySort::ColumnKeySort(const QVector<Column> &columns, int expectedRows)
@@ -236,7 +251,7 @@ std::vector<quint64> ColumnKeySort::order() const
             keys.resize(m_rows);
             for (quint32 j = 0; j < m_rows; ++j)
                 keys[j] = column.keys[positions[j]];
-            radixSort(keys, positions);
+            radixSort(keys, positions, false);
         }
         if (column.nulls == 0 || column.nulls == qint64(m_rows))
             continue;
@@ -266,7 +281,7 @@ void ColumnKeySort::sort(std::vector<quint64> &payloads)
     if (m_columns.size() == 1 && m_columns.front().nulls == 0) {
         // The keys are not needed after this: they are sorted in place.
         ColumnKeys &column = m_columns.front();
-        radixSort(column.keys, payloads);
+        radixSort(column.keys, payloads, false);
         column.keys = {};
         return;
     }

@@ -69,9 +69,13 @@ public:
     void sort(std::vector<quint64> &payloads);
 
     // Sorts `keys` stably, rearranging `payloads` (one per key) alike: a
-    // radix sort that skips the digits every key shares. Throws
-    // std::bad_alloc when its buffers cannot be had (both unchanged then).
-    static void sortPairs(std::vector<quint64> &keys, std::vector<quint64> &payloads);
+    // radix sort that skips the digits every key shares. With
+    // KeysAfter::Unused the keys are used up (left in no order), which saves
+    // the last pass moving them. Throws std::bad_alloc when its buffers
+    // cannot be had (both unchanged then).
+    enum class KeysAfter { Sorted, Unused };
+    static void sortPairs(std::vector<quint64> &keys, std::vector<quint64> &payloads,
+                          KeysAfter keysAfter = KeysAfter::Sorted);
 
 private:
     struct ColumnKeys

@@ -143,13 +143,18 @@ bool placeByKeys(const IndexSort &index, PartitionList<Record> &list, std::vecto
     }
     if (inOrder)
         return true;
+    // Without odd keys every tie is settled and the sorted keys are not needed.
+    const bool anyRounded = std::any_of(keys.cbegin(), keys.cend(),
+                                        [&decides](quint64 key) { return !decides(key); });
     try {
-        ColumnKeySort::sortPairs(keys, handles);
+        ColumnKeySort::sortPairs(keys, handles,
+                                 anyRounded ? ColumnKeySort::KeysAfter::Sorted
+                                            : ColumnKeySort::KeysAfter::Unused);
     } catch (const std::bad_alloc &) {
         return false;
     }
     relocateHandles(list, handles);
-    for (size_t first = 0; first < n;) {
+    for (size_t first = 0; anyRounded && first < n;) {
         size_t last = first + 1;
         while (last < n && keys[last] == keys[first])
             ++last;
