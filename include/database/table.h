@@ -178,6 +178,9 @@ public:
     // Copies the cells of columns first..last (-1: first/last column) and the
     // whole presence-flag area. REQUIRES: first is not after last.
     void copyRowContent(unsigned char *dst, const unsigned char *src, int first, int last) const;
+    // Frees a block of any table: one from allocRow() or cloneRow(), or one
+    // of the rows a table file's load carves from larger blocks (the header
+    // tells which). REQUIRES: its reference count is zero.
     void freeRow(unsigned char *row) const;
     // The accessor of one cell. REQUIRES: 0 <= column < columnCount().
     Field dataPtr(const unsigned char *row, int column) const;
