@@ -31,7 +31,9 @@
 // often dense or evenly spread, so a look-up by id reads a few rows instead
 // of about twenty, each read a row block's fetch from memory. A guess that
 // leaves more than half the range open is followed by a halving step, so
-// unevenly spread keys cost at most about twice a binary search's reads.
+// unevenly spread keys cost at most about twice a binary search's reads. A
+// guess that lands on the key reads the row before it, which settles whether
+// it is the key's first position (in a primary key it always is).
 // The result is the same position as IndexSort::search() finds.
 //
 // Sorting: resort() (a build, a load of rows out of order) sorts by a radix

@@ -85,6 +85,17 @@ int MasterIndex_Integer::search(const Record &key, int from) const
         }
         const int before = high - low;
         const qint64 probeKey = keyOf(list.at(probe).row());
+        if (probeKey == target && !halve) {
+            // A guess that hits the key is most often its first position:
+            // the row before it says so, and sits next to it in memory more
+            // often than a halving step's row does.
+            if (probe == low + 1 || keyOf(list.at(probe - 1).row()) < target)
+                return probe;
+            high = probe - 1;
+            highKey = target;
+            halve = true;
+            continue;
+        }
         if (probeKey < target) {
             low = probe;
             lowKey = probeKey;
