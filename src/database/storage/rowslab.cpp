@@ -46,10 +46,7 @@ struct RowSlabAllocator::Slab
     size_t stride;
 
     unsigned char *base() { return reinterpret_cast<unsigned char *>(this); }
-    unsigned char *row(size_t index, size_t stride)
-    {
-        return base() + kHeaderBytes + index * stride;
-    }
+    unsigned char *row(size_t index) { return base() + kHeaderBytes + index * stride; }
     // Drops `count` from the count; frees the slab when none is left.
     void release(qint64 count)
     {
@@ -96,9 +93,9 @@ unsigned char *RowSlabAllocator::allocRow()
             return nullptr;
         m_slab = new (block) Slab { { qint64(m_rowsPerSlab) + 1 }, m_stride };
         m_used = 0;
-        DATABASE_POISON(m_slab->row(0, m_stride), m_rowsPerSlab * m_stride);
+        DATABASE_POISON(m_slab->row(0), m_rowsPerSlab * m_stride);
     }
-    unsigned char *row = m_slab->row(m_used++, m_stride);
+    unsigned char *row = m_slab->row(m_used++);
     DATABASE_UNPOISON(row, m_rowSize);
     m_layout->initRow(row);
     setMarker(row, quint32(size_t(row - m_slab->base()) / kUnit));
