@@ -21,7 +21,8 @@ public:
     QVector<Key> keys;
 
     // Decimal cells are keyed at this many decimal places: the largest scale
-    // among the first rows when the list was last sorted (see resort()).
+    // among the first rows when the list was last sorted or built (see
+    // sampleDecimalKeyScale()).
     int decimalKeyScale = 0;
 
     void sampleDecimalKeyScale(PartitionList<Record>::const_iterator it,

@@ -4,6 +4,7 @@
 
 #include <database/table.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -119,6 +120,20 @@ void RowSlabAllocator::freeRow(unsigned char *row) noexcept
 bool RowSlabAllocator::inSlab(const unsigned char *row) noexcept
 {
     return markerOf(row) != 0;
+}
+
+unsigned char *RowSlabAllocator::resizeRow(unsigned char *row, size_t oldSize,
+                                           size_t newSize) noexcept
+{
+    if (!inSlab(row))
+        return static_cast<unsigned char *>(std::realloc(row, newSize));
+    auto *own = static_cast<unsigned char *>(std::malloc(newSize));
+    if (!own)
+        return nullptr;
+    std::memcpy(own, row, std::min(oldSize, newSize));
+    markOwnBlock(own);
+    freeRow(row);
+    return own;
 }
 
 void RowSlabAllocator::markOwnBlock(unsigned char *row) noexcept

@@ -55,8 +55,13 @@ public:
     // Frees a row block of either kind. REQUIRES: the row's count is zero and
     // no one refers to it.
     static void freeRow(unsigned char *row) noexcept;
-    // Whether `row` lies in a slab (then it cannot be reallocated in place).
+    // Whether `row` lies in a slab.
     static bool inSlab(const unsigned char *row) noexcept;
+    // The row in a block of `newSize` bytes with its first `oldSize` bytes, as
+    // realloc() gives it: a row of its own is reallocated, a slab row moves to
+    // a block of its own. Null when memory is short (the row is unchanged).
+    // REQUIRES: no one refers to the row (it may move).
+    static unsigned char *resizeRow(unsigned char *row, size_t oldSize, size_t newSize) noexcept;
     // Marks a row as a block of its own (a copy of a slab row's header).
     static void markOwnBlock(unsigned char *row) noexcept;
 

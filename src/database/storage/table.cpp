@@ -307,21 +307,9 @@ void Table::addColumns(const QList<TableColumnDef> &sources)
         const int left = record.releaseWithoutFree();
         if (left != 0)
             qDebug() << "Table::addColumn : Ref count in realloc is " << left;
-        if (RowSlabAllocator::inSlab(row)) {
-            // A row of a loaded slab cannot grow in place: it moves to a
-            // block of its own.
-            auto *own = static_cast<unsigned char *>(std::malloc(size_t(newRowSize)));
-            if (!own)
-                qFatal("Table::addColumn: out of memory while re-laying rows");
-            std::memcpy(own, row, size_t(d->rowSize));
-            RowSlabAllocator::markOwnBlock(own);
-            RowSlabAllocator::freeRow(row);
-            row = own;
-        } else {
-            row = static_cast<unsigned char *>(std::realloc(row, size_t(newRowSize)));
-            if (!row)
-                qFatal("Table::addColumn: out of memory while re-laying rows");
-        }
+        row = RowSlabAllocator::resizeRow(row, size_t(d->rowSize), size_t(newRowSize));
+        if (!row)
+            qFatal("Table::addColumn: out of memory while re-laying rows");
         const int oldFlagBytes = flagBytes(oldColumnCount);
         unsigned char *flags = RowLayout::flagArea(row, int(newRowLength));
         std::memmove(flags, RowLayout::flagArea(row, oldRowLength), size_t(oldFlagBytes));
