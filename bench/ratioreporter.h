@@ -5,6 +5,10 @@
 // same run. RatioReporter prints the usual console table and keeps, per
 // benchmark, its counters and its adjusted real time, so main() can form the
 // ratios once every benchmark has run.
+//
+// Run with --benchmark_repetitions=N (N > 1) and the figures kept are each
+// benchmark's medians over the repetitions, so that one burst of other work
+// on the machine moves no ratio; otherwise they are those of its (last) run.
 
 #include <benchmark/benchmark.h>
 
@@ -18,9 +22,12 @@ public:
     {
         ConsoleReporter::ReportRuns(runs);
         for (const Run &run : runs) {
-            if (run.run_type != Run::RT_Iteration)
+            // Aggregates come after their benchmark's repetitions, so the
+            // median replaces the figures of the last one.
+            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
+            if (run.run_type != Run::RT_Iteration && !median)
                 continue;
-            Figures &figures = m_figures[run.benchmark_name()];
+            Figures &figures = m_figures[run.run_name.str()];
             figures.time = run.GetAdjustedRealTime();
             for (const auto &counter : run.counters)
                 figures.counters[counter.first] = counter.second.value;
