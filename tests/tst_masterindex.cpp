@@ -233,6 +233,16 @@ void tst_MasterIndex::integerKeySearch_data()
     QTest::newRow("a few far keys") << int(FieldType::Integer64) << skewed;
     QTest::newRow("both signs, extremes") << int(FieldType::Integer64) << wide;
     QTest::newRow("one row") << int(FieldType::Integer) << QList<qint64> { 5 };
+    // Past one part: the parts' first keys narrow the search first, equal
+    // keys straddle part boundaries, deleted ids leave uneven gaps.
+    QList<qint64> gaps, runs;
+    for (qint64 i = 0; i < 25000; ++i) {
+        if ((i * 7919) % 10 != 3)
+            gaps << i;
+        runs << i / 13;
+    }
+    QTest::newRow("parts, gaps") << int(FieldType::Integer64) << gaps;
+    QTest::newRow("parts, equal keys across") << int(FieldType::Integer) << runs;
 }
 
 // The interpolating search finds what the plain binary search finds, from any
@@ -260,7 +270,7 @@ void tst_MasterIndex::integerKeySearch()
     const int n = master->count();
     for (int i = 0; i < probes.size(); i += 1 + probes.size() / 2000) {
         const Record key = master->fromText(QString::number(probes.at(i)));
-        for (int from : { -1, n / 3, n - 2, n - 1 })
+        for (int from : { -1, n / 3, 9998, n - 2, n - 1 })
             QCOMPARE(master->search(key, from), master->IndexSort::search(key, from));
     }
 }

@@ -233,9 +233,16 @@ void tst_PartitionList::batchInsertAndPartitionPoint()
         place.insert(model[i].row(), i);
     for (int cut : { 0, 1, 9999, 10000, model.size() / 2, model.size() - 1, model.size() }) {
         const auto before = [&](const Record &r) { return place.value(r.row()) < cut; };
-        for (int from : { -1, 0, cut / 2, cut, model.size() - 1, model.size() + 5 })
-            QCOMPARE(list.partitionPoint(from, before),
-                     from >= model.size() ? model.size() : std::max({ from, cut, 0 }));
+        for (int from : { -1, 0, cut / 2, cut, model.size() - 1, model.size() + 5 }) {
+            const int point = from >= model.size() ? model.size() : std::max({ from, cut, 0 });
+            QCOMPARE(list.partitionPoint(from, before), point);
+            // partitionPart(): the point's part, from `from` on, up to the
+            // next part's first position.
+            const std::pair<int, int> part = list.partitionPart(from, before);
+            QVERIFY(part.first <= point && point <= part.second);
+            QVERIFY(part.first >= std::min(std::max(from, 0), model.size()));
+            QVERIFY(part.second - part.first <= List::partSize);
+        }
     }
     // partitionPoints(): more queries than one lockstep group, cuts at both
     // ends and at part boundaries, each answered as partitionPoint(0) would.

@@ -26,15 +26,17 @@
 //  - "Columns can't be nullable %1" (column name).
 // Key text, fromText() and keyRecord() are those of the column key.
 //
-// Search: search() and find() guess a key's place from the keys at the ends of
-// the range still open (interpolation) instead of halving it: ids are most
-// often dense or evenly spread, so a look-up by id reads a few rows instead
-// of about twenty, each read a row block's fetch from memory. A guess that
-// leaves more than half the range open is followed by a halving step, so
-// unevenly spread keys cost at most about twice a binary search's reads. A
-// guess that lands on the key reads the row before it, which settles whether
-// it is the key's first position (in a primary key it always is).
-// The result is the same position as IndexSort::search() finds.
+// Search: search() and find() first find the key's part from the parts' first
+// rows (which every look-up reads, so they stay in cache). In the part they
+// guess the key's place from the keys at the ends of the range still open
+// (interpolation) instead of halving it, and read a window of 32 rows around
+// each guess, all fetched from memory at once. Ids are most often dense or
+// evenly spread, and ids with gaps left by deletes put a guess a few places
+// off, inside its window: a look-up by id then waits for memory about twice
+// instead of about twenty times. A step that leaves more than half the range
+// open is followed by a halving step, so unevenly spread keys cost at most
+// about twice a binary search's steps. The result is the same position as
+// IndexSort::search() finds (the key's first position).
 //
 // Sorting: resort() (a build, a load of rows out of order) sorts by a radix
 // sort of the key values (IndexSort::setOrderKey()), reading each row once.

@@ -270,6 +270,21 @@ public:
         return m_parts[slot]->m_items[pos - m_starts[slot]];
     }
 
+    // The positions [first, last] between which partitionPoint(from, pred)
+    // lies, found by probing only the parts' first elements: the part the
+    // point falls in, and the next part's first position (count() after the
+    // last part). A caller that searches the part itself in its own way
+    // starts there. REQUIRES: as partitionPoint(); from < count().
+    template <typename Pred> std::pair<int, int> partitionPart(int from, Pred pred) const
+    {
+        from = std::max(from, 0);
+        if (from >= m_count)
+            return { m_count, m_count };
+        const int firstSlot = slotAt(from);
+        const int slot = partitionSlot(firstSlot, pred);
+        return { slot == firstSlot ? from : m_starts[slot], m_starts[slot + 1] };
+    }
+
     // The first position in [from, count()) whose element fails `pred`, or
     // count(). REQUIRES: `pred` holds for a prefix of that range and fails for
     // the rest (as for std::partition_point). Probes the parts' first elements,
@@ -280,18 +295,7 @@ public:
         if (from >= m_count)
             return m_count;
         const int firstSlot = slotAt(from);
-        // The first later slot whose first element fails (the trailing
-        // sentinel when none does).
-        int low = firstSlot + 1;
-        int high = m_parts.size() - 1;
-        while (low < high) {
-            const int middle = low + ((high - low) >> 1);
-            if (pred(m_parts[middle]->m_items[0]))
-                low = middle + 1;
-            else
-                high = middle;
-        }
-        const int slot = low - 1;
+        const int slot = partitionSlot(firstSlot, pred);
         const Part *part = m_parts[slot];
         const T *items = part->m_items;
         const T *found = std::partition_point(
@@ -703,6 +707,22 @@ private:
     }
 
     // The slot holding position `pos`; the trailing sentinel for pos >= count().
+    // The slot, from `firstSlot` on, of the last part whose first element
+    // passes `pred` (`firstSlot` when no later one does).
+    template <typename Pred> int partitionSlot(int firstSlot, Pred pred) const
+    {
+        int low = firstSlot + 1;
+        int high = m_parts.size() - 1;
+        while (low < high) {
+            const int middle = low + ((high - low) >> 1);
+            if (pred(m_parts[middle]->m_items[0]))
+                low = middle + 1;
+            else
+                high = middle;
+        }
+        return low - 1;
+    }
+
     int slotAt(qint64 pos) const
     {
         if (pos >= m_count)
